@@ -1,0 +1,30 @@
+// Overflow-safe size arithmetic and the limits on sizes read from files.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace il {
+
+// Largest width or height accepted from a file header, and the largest
+// buffer the library will allocate for one image (the image model counts
+// bytes in a signed 32-bit integer).
+constexpr int64_t kMaxDimension = 1 << 20;
+constexpr int64_t kMaxImageBytes = INT32_MAX;
+
+// a * b into out; false on overflow.
+inline bool mulSize(size_t a, size_t b, size_t* out) { return !__builtin_mul_overflow(a, b, out); }
+inline bool addSize(size_t a, size_t b, size_t* out) { return !__builtin_add_overflow(a, b, out); }
+
+// True when x by y pixels of bytesPerPixel bytes is a size the library can
+// hold (both dimensions positive and within kMaxDimension, total within
+// kMaxImageBytes). The byte count goes to *bytes when given.
+inline bool imageBytes(int64_t x, int64_t y, int64_t bytesPerPixel, size_t* bytes = nullptr) {
+    if (x <= 0 || y <= 0 || x > kMaxDimension || y > kMaxDimension || bytesPerPixel <= 0) return false;
+    int64_t total = x * y;
+    if (total > kMaxImageBytes / bytesPerPixel) return false;
+    if (bytes) *bytes = size_t(total * bytesPerPixel);
+    return true;
+}
+
+}  // namespace il

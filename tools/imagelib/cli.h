@@ -1,0 +1,34 @@
+// The imagelib command-line tool: shared pieces of its commands.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace cli {
+
+// Exit codes: 0 success, 1 failed operation, 2 usage error.
+constexpr int kOk = 0;
+constexpr int kFailed = 1;
+constexpr int kUsage = 2;
+
+using Args = std::vector<std::string>;
+
+// A command: its name, a one-line synopsis for the help, and its body.
+struct Command {
+    const char* name;
+    const char* synopsis;
+    int (*run)(const Args& args);
+};
+
+// Prints "imagelib: FILE: text (status N)" to stderr and returns kFailed.
+int failure(const std::string& file, int status);
+// Prints "imagelib: message" and the hint to use --help; returns kUsage.
+int usage(const std::string& message);
+
+// JSON string literal of s.
+std::string jsonString(const std::string& s);
+
+int cmdFormats(const Args& args);
+int cmdType(const Args& args);
+
+}  // namespace cli

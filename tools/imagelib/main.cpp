@@ -1,0 +1,76 @@
+// imagelib: identify, convert and inspect raster image files.
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "cli.h"
+#include "imagelib/imagelib.h"
+
+namespace cli {
+
+namespace {
+
+const Command kCommands[] = {
+    {"formats", "formats [--json]            list every file type and what can be done with it", cmdFormats},
+    {"type", "type FILE                    the type of FILE (from its contents, then its name)", cmdType},
+};
+
+void printHelp() {
+    std::printf("usage: imagelib COMMAND [ARGS]\n\ncommands:\n");
+    for (const Command& c : kCommands) std::printf("  %s\n", c.synopsis);
+    std::printf("\n  --help                       this text\n");
+    std::printf("  --version                    the library's version\n");
+    std::printf("\nExit status: 0 success, 1 the operation failed, 2 usage error.\n");
+}
+
+}  // namespace
+
+int failure(const std::string& file, int status) {
+    std::fprintf(stderr, "imagelib: %s: %s (status %d)\n", file.c_str(), imagelib_statusText(status), status);
+    return kFailed;
+}
+
+int usage(const std::string& message) {
+    std::fprintf(stderr, "imagelib: %s\nTry 'imagelib --help'.\n", message.c_str());
+    return kUsage;
+}
+
+std::string jsonString(const std::string& s) {
+    std::string out = "\"";
+    for (unsigned char c : s) {
+        switch (c) {
+            case '"': out += "\\\""; break;
+            case '\\': out += "\\\\"; break;
+            case '\n': out += "\\n"; break;
+            case '\t': out += "\\t"; break;
+            default:
+                if (c < 0x20) {
+                    char buf[8];
+                    std::snprintf(buf, sizeof buf, "\\u%04x", c);
+                    out += buf;
+                } else {
+                    out += char(c);
+                }
+        }
+    }
+    return out + "\"";
+}
+
+}  // namespace cli
+
+int main(int argc, char** argv) {
+    if (argc < 2) return cli::usage("no command given");
+    std::string cmd = argv[1];
+    if (cmd == "--help" || cmd == "-h" || cmd == "help") {
+        cli::printHelp();
+        return cli::kOk;
+    }
+    if (cmd == "--version") {
+        std::printf("imagelib %s\n", imagelib_version());
+        return cli::kOk;
+    }
+    for (const cli::Command& c : cli::kCommands) {
+        if (cmd == c.name) return c.run(cli::Args(argv + 2, argv + argc));
+    }
+    return cli::usage("unknown command '" + cmd + "'");
+}
