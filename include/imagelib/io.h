@@ -6,6 +6,15 @@
 
 IMAGELIB_EXTERN_C_BEGIN
 
+/* ==== stream: streaming row access ==== */
+/* (end of stream) */
+
+/* ==== read: whole-image reading ==== */
+/* (end of read) */
+
+/* ==== write: whole-image writing ==== */
+/* (end of write) */
+
 IMAGELIB_EXTERN_C_END
 
 #endif

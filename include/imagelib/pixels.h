@@ -6,6 +6,18 @@
 
 IMAGELIB_EXTERN_C_BEGIN
 
+/* ==== rows: row packing, run-length bitmap rows, PackByte rows, bitmap utilities ==== */
+/* (end of rows) */
+
+/* ==== colour: colour mapping, layout conversions, gamma and grey levels ==== */
+/* (end of colour) */
+
+/* ==== dither: error-diffusion and ordered dithering ==== */
+/* (end of dither) */
+
+/* ==== palette: median-cut palette optimisation and palette utilities ==== */
+/* (end of palette) */
+
 IMAGELIB_EXTERN_C_END
 
 #endif
