@@ -10,21 +10,21 @@
 // A string before any list, an unreadable number, a number given twice in a
 // list, an unknown escape or a text longer than IMAGELIB_TEXT_MAX - 1 bytes
 // makes the whole file malformed; the library then runs without messages.
+#include <dlfcn.h>
+#include <limits.h>
+#include <stdlib.h>
+
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "host/host_internal.h"
 
 namespace il::host {
-
-struct Catalog {
-    std::string path;
-    std::map<std::pair<int, int>, std::string> strings;
-};
 
 namespace {
 
@@ -145,15 +145,34 @@ bool parseCatalog(const std::string& text, Catalog& out, std::string* why) {
     return true;
 }
 
+// The installed data directories: next to the installed library (or the
+// program it is linked into) as lib/../share/imagelib, so that an installed
+// tree can be moved; then the prefix it was configured for.
+static std::vector<std::string> installedDataDirs() {
+    std::vector<std::string> dirs;
+    Dl_info info;
+    if (dladdr(reinterpret_cast<void*>(&findCatalog), &info) && info.dli_fname) {
+        char real[PATH_MAX];
+        if (::realpath(info.dli_fname, real)) {
+            std::string dir = real;
+            dir.erase(dir.find_last_of('/') + 1);
+            dirs.push_back(dir + "../share/imagelib");
+            dirs.push_back(dir + "../../share/imagelib");  // lib/<multiarch>/
+        }
+    }
+    dirs.push_back(IMAGELIB_DATADIR);
+    return dirs;
+}
+
 std::string findCatalog() {
     char found[IMAGELIB_PATH_MAX];
     if (korFile_find(found, "imagemsg.rsc", "KV_KOR", nullptr) == 0) return found;
-    for (const char* dir : {IMAGELIB_DATADIR, IMAGELIB_SOURCE_DATADIR}) {
-        std::string p = std::string(dir) + "/imagemsg.rsc";
-        if (FILE* f = std::fopen(p.c_str(), "rb")) {
-            std::fclose(f);
-            return p;
-        }
+    std::vector<std::string> dirs = installedDataDirs();
+    dirs.push_back(IMAGELIB_SOURCE_DATADIR);  // the build tree
+    for (const std::string& dir : dirs) {
+        std::string p = dir + "/imagemsg.rsc";
+        char real[PATH_MAX];
+        if (::realpath(p.c_str(), real) && korFile_find(found, real, nullptr, nullptr) == 0) return real;
     }
     return {};
 }

@@ -1,7 +1,9 @@
 // The active host services, shared by the host layer's sources.
 #pragma once
 
+#include <map>
 #include <string>
+#include <utility>
 
 #include "imagelib/host.h"
 
@@ -19,8 +21,13 @@ bool loadCatalogFrom(const std::string& path);
 // KV_KOR, the installed data directory, the source tree's data directory.
 std::string findCatalog();
 
+// A parsed catalogue: strings by (list, number).
+struct Catalog {
+    std::string path;
+    std::map<std::pair<int, int>, std::string> strings;
+};
+
 // Parses catalogue text; false (and a reason) when it is malformed.
-struct Catalog;
 bool parseCatalog(const std::string& text, Catalog& out, std::string* why);
 
 }  // namespace il::host

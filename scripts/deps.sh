@@ -1,0 +1,18 @@
+# Sourced by run.sh and test.sh: installs the Debian packages that are
+# missing, with sudo when not root. imagelib_install_deps run|test
+imagelib_install_deps() {
+  local pkgs=(cmake ninja-build g++ make pkg-config)
+  if [ "${1:-run}" = test ]; then
+    pkgs+=(libgtest-dev libbenchmark-dev clang libclang-rt-14-dev imagemagick netpbm)
+  fi
+  local missing=()
+  for p in "${pkgs[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  local sudo=""
+  if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+  echo "== installing: ${missing[*]}"
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}

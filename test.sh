@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs what the build and the tests need (when missing), builds, and runs
+# every test: unit and interop tests, the install check with a small C
+# consumer, the unit tests again under AddressSanitizer and UBSan, and a
+# short smoke run of each fuzz harness when clang is present.
+set -euo pipefail
+cd "$(dirname "$0")"
+source scripts/deps.sh
+imagelib_install_deps test
+
+jobs=$(nproc 2>/dev/null || echo 2)
+
+echo "== build and test"
+cmake -S . -B build/test -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build/test -j"$jobs"
+ctest --test-dir build/test --output-on-failure -j"$jobs"
+
+echo "== install and consume"
+scripts/check_install.sh build/test build/prefix
+
+echo "== unit tests under address,undefined sanitizers"
+cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DIMAGELIB_SANITIZE=address,undefined >/dev/null
+cmake --build build/asan -j"$jobs"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir build/asan --output-on-failure -j"$jobs" -L unit
+
+if command -v clang++ >/dev/null 2>&1; then
+  echo "== fuzz smoke runs"
+  scripts/fuzz_smoke.sh build/fuzz 5
+fi
+echo "== all tests passed"
