@@ -50,9 +50,127 @@ IMAGELIB_API int korImage_getImageBgColor(uint8_t* colour, const char* path, int
 /* (end of stream) */
 
 /* ==== read: whole-image reading ==== */
+/* Every reader takes a file type (negative: detect it from the contents,
+   then the name) and hands out buffers that belong to the caller (release
+   them with korImage_freeImage). A type without a reader gives
+   IMGERR_UNSUPPORTEDTYPE (-119). */
+
+/* What a file's header tells, in one record. */
+typedef struct ImageFileInfo {
+    int32_t type;            /* ImageFileType */
+    ImageSize size;
+    int32_t colorMode;       /* ColorMode */
+    int32_t orientation;     /* stored scan orientation (0: rows top-down) */
+    int32_t flags;           /* format-specific flags; 0 when none */
+    float xResolution;       /* as stored; 0 when the file has none */
+    float yResolution;
+    int32_t compression;     /* compression code; 0 when not told */
+    int32_t hasGeoreference; /* nonzero when the fields below are filled */
+    double origin[3];        /* model coordinates of the image origin */
+    double extent[2];        /* width and height in model units */
+    double matrix[16];       /* pixel/line to model transformation, row-major */
+} ImageFileInfo;
+
+/* Size, colour mode and orientation from the header; any output may be null. */
+IMAGELIB_API int korImage_readFileInfo(ImageSize* size, int* colorMode, int* orientation, const char* path,
+                                       int type) IMAGELIB_NOEXCEPT;
+/* The same facts, and the georeference of the file where it has one. */
+IMAGELIB_API int korImage_readFileInfoEx(ImageFileInfo* info, const char* path) IMAGELIB_NOEXCEPT;
+
+/* Row-planar RGB (layout 5) in *rgb, resampled to requested when it is given
+   and differs. Returns 1 (not -144) when a streamed read (Targa) is stopped:
+   the partly filled image is handed out. */
+IMAGELIB_API int korImage_readFileToRGB(uint8_t** rgb, ImageSize* outSize, const char* path, int type,
+                                        const ImageSize* requested, StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* Interleaved RGBA (layout 7), or with separatePlanes row-planar red, green,
+   blue and alpha planes. Files without alpha get an alpha channel: with
+   useBackground, alpha 0 where a pixel has the key colour (the file's
+   background, or else the top-left pixel) and 255 elsewhere; without it,
+   alpha 0 everywhere. */
+IMAGELIB_API int korImage_readFileToRGBA(uint8_t** out, ImageSize* outSize, const char* path, int type,
+                                         const ImageSize* requested, int separatePlanes, int useBackground,
+                                         StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* PackByte rows (layout 8) and palette (256-byte arrays). True-colour files
+   are reduced to an optimised palette of 256 colours and dithered. A
+   requested size that differs is met by nearest-neighbour stepping. The
+   extended flag is handed to readers that take it. */
+IMAGELIB_API int korImage_extReadFileToMap(uint8_t*** rows, ImageSize* size, uint8_t* red, uint8_t* green,
+                                           uint8_t* blue, int* count, const char* path, int type,
+                                           const ImageSize* requested, int extended,
+                                           StopFunction stop) IMAGELIB_NOEXCEPT;
+IMAGELIB_API int korImage_readFileToMap(uint8_t*** rows, ImageSize* size, uint8_t* red, uint8_t* green,
+                                        uint8_t* blue, int* count, const char* path, int type,
+                                        const ImageSize* requested, StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* A bilevel image: a bitmap (layout 1), or with runLength run-length rows
+   (layout 2). */
+IMAGELIB_API int korImage_readFileToBitMap(void** bitmap, ImageSize* size, const char* path, int type,
+                                           int runLength, StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* The palette alone. */
+IMAGELIB_API int korImage_readPalette(uint8_t* red, uint8_t* green, uint8_t* blue, int* count, const char* path,
+                                      int type) IMAGELIB_NOEXCEPT;
+
+/* The image in the layout nearest to what the file stores: RGB (5), Map (3)
+   with palette, run-length bitmap rows (2) with the palette white, black,
+   or RGBA (7); *imageFormat and *colorMode tell which. With forceRGB the
+   result is always layout 5. Null outputs other than buffer and size are
+   allowed. */
+IMAGELIB_API int korImage_readFileToBuffer(void** buffer, int* imageFormat, int* colorMode, uint8_t* red,
+                                           uint8_t* green, uint8_t* blue, int* count, ImageSize* size,
+                                           const char* path, int type, int forceRGB,
+                                           StopFunction stop) IMAGELIB_NOEXCEPT;
 /* (end of read) */
 
 /* ==== write: whole-image writing ==== */
+/* Every writer takes a file type (negative: from the name) and the colour
+   mode to write (ColorMode). The caller's buffers are never changed. A type
+   without a writer gives IMGERR_UNSUPPORTEDTYPE (-119). */
+
+/* From row-planar RGB (with colorMode 6: four planes a row, alpha last).
+   compression is the writer's compression code (JPEG: the quality, held to
+   40..90); option is handed to the PNG writer. */
+IMAGELIB_API int korImage_extCreateFileFromRGB(const char* path, int type, int colorMode, const ImageSize* size,
+                                               const uint8_t* rgb, int compression, int option,
+                                               StopFunction stop) IMAGELIB_NOEXCEPT;
+/* The same with compression 90 and option 0. */
+IMAGELIB_API int korImage_createFileFromRGB(const char* path, int type, int colorMode, const ImageSize* size,
+                                            const uint8_t* rgb, StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* From a byte map (layout 3) and palette; a palette that does not fit the
+   colour mode is expanded to RGB first. */
+IMAGELIB_API int korImage_createFileFromMap(const char* path, int type, int colorMode, const ImageSize* size,
+                                            const uint8_t* map, const uint8_t* red, const uint8_t* green,
+                                            const uint8_t* blue, int count, StopFunction stop) IMAGELIB_NOEXCEPT;
+IMAGELIB_API int korImage_extCreateFileFromMap(const char* path, int type, int colorMode, const ImageSize* size,
+                                               const uint8_t* map, const uint8_t* red, const uint8_t* green,
+                                               const uint8_t* blue, int count, int compression, int option,
+                                               StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* From PackByte rows (layout 8) and palette. */
+IMAGELIB_API int korImage_createFileFromPackByte(const char* path, int type, int colorMode, const ImageSize* size,
+                                                 uint8_t* const* rows, const uint8_t* red, const uint8_t* green,
+                                                 const uint8_t* blue, int count, StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* From a bitmap (layout 1) or run-length rows (runLength nonzero, layout 2).
+   background and foreground are 3-byte colours or null (white, black). */
+IMAGELIB_API int korImage_createFileFromBitMap(const char* path, int type, const ImageSize* size,
+                                               const void* bitmap, int runLength, const uint8_t* background,
+                                               const uint8_t* foreground, StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* From any layout but RGBA: routes by imageFormat. For layouts 1 and 2 the
+   first two palette entries are the background and foreground colours.
+   IMGERR_BADARG for layout 7 and unknown layouts. */
+IMAGELIB_API int korImage_createFileFromBuffer(const char* path, int type, int colorMode, const ImageSize* size,
+                                               const void* buffer, int imageFormat, const uint8_t* red,
+                                               const uint8_t* green, const uint8_t* blue, int count,
+                                               int compression, StopFunction stop) IMAGELIB_NOEXCEPT;
+IMAGELIB_API int korImage_createRasterFile(const char* path, int type, int colorMode, const ImageSize* size,
+                                           const void* buffer, int imageFormat, const uint8_t* red,
+                                           const uint8_t* green, const uint8_t* blue, int count, int compression,
+                                           StopFunction stop) IMAGELIB_NOEXCEPT;
 /* (end of write) */
 
 IMAGELIB_EXTERN_C_END

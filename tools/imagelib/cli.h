@@ -30,5 +30,8 @@ std::string jsonString(const std::string& s);
 
 int cmdFormats(const Args& args);
 int cmdType(const Args& args);
+int cmdInfo(const Args& args);
+int cmdConvert(const Args& args);
+int cmdDemo(const Args& args);
 
 }  // namespace cli

@@ -13,6 +13,23 @@ namespace {
 const Command kCommands[] = {
     {"formats", "formats [--json]            list every file type and what can be done with it", cmdFormats},
     {"type", "type FILE                    the type of FILE (from its contents, then its name)", cmdType},
+    {"info", "info [--json] FILE           size, colour mode and orientation from the file's header", cmdInfo},
+    {"convert",
+     "convert IN OUT [options]     convert between file types (type from --type or OUT's name)\n"
+     "      --type N                   file type number of OUT (see 'imagelib formats')\n"
+     "      --mode M                   rgb, 16, 256, grey, bilevel, rgba or 1..6 (default: the source's\n"
+     "                                 when the writer takes it, else the writer's default)\n"
+     "      --quality Q                JPEG quality (held to 40..90)\n"
+     "      --compression C            the writer's compression code\n"
+     "      --crop x0,y0,x1,y1         keep this rectangle (corners inclusive)\n"
+     "      --size WxH                 resample to this size\n"
+     "      --rotate 90|180|270        quarter turns, counter-clockwise\n"
+     "      --mirror v|h               v: top to bottom, h: left to right\n"
+     "    IN or OUT may be binary PPM/PGM/PBM/PAM (.ppm .pgm .pbm .pam .pnm) for comparison with other tools",
+     cmdConvert},
+    {"demo", "demo [DIR]                   write a test image in every writable type, read each back, and\n"
+             "                               print sizes, times and differences (default DIR ./imagelib-demo)",
+     cmdDemo},
 };
 
 void printHelp() {

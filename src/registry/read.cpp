@@ -1,0 +1,568 @@
+// Whole-image reading: which codec serves which file type, and what is done
+// around it (palette images mapped to RGB, resampling to a requested size,
+// alpha added, layouts converted).
+//
+// Each entry point has one switch over the file type. A type whose codec is
+// not in the library yet answers IMGERR_UNSUPPORTEDTYPE from its case, so
+// that wiring a codec in is one line in each switch that names it.
+#include <cstring>
+
+#include "codecs/native/bmp.h"
+#include "imagelib/geo.h"
+#include "imagelib/io.h"
+#include "imagelib/pixels.h"
+#include "imagelib/registry.h"
+#include "internal/checked.h"
+#include "pixels/colour.h"
+#include "pixels/rows.h"
+#include "registry/dispatch.h"
+#include "registry/stream.h"
+#include "registry/targa.h"
+
+namespace il::dispatch {
+
+int resolveType(int type, const char* path) noexcept {
+    int t = korImage_fileType(type, path);
+    return t < 0 ? IMGERR_UNSUPPORTEDTYPE : t;
+}
+
+namespace {
+
+// Closes a streaming context on scope exit.
+struct StreamCloser {
+    ImageFileContext* ctx;
+    ~StreamCloser() {
+        if (ctx) korImage_closeFile(ctx);
+    }
+};
+
+bool sameSize(const ImageSize& a, const ImageSize& b) { return a.x == b.x && a.y == b.y; }
+
+// Size and orientation bits of a file opened through the streaming rows.
+int streamInfo(const char* path, ImageSize* size, int* orientation) {
+    int st = 0;
+    StreamCloser c{korImage_openFile(&st, nullptr, path)};
+    if (!c.ctx) return st;
+    *size = c.ctx->fileSize;
+    *orientation = il::stream::orientationBits(c.ctx);
+    return 0;
+}
+
+// A decoded image as a codec gives it: a palette image (byte map, layout 3)
+// with its palette, or row-planar RGB (layout 5).
+struct Decoded {
+    OwnedImage image;
+    Palette palette;
+    bool isMap = false;
+};
+
+// BMP for the RGB readers: 24-bit files directly, the others as a map.
+int bmpDecode(const char* path, Decoded& d) {
+    ImageSize size{};
+    int mode = 0;
+    if (int st = imageBmp_readInfo(&size, &mode, path)) return st;
+    void* p = nullptr;
+    if (mode == COLORMODE_RGB) {
+        uint8_t* rgb = nullptr;
+        if (int st = imageBmp_readToRGB(&rgb, &size, path)) return st;
+        d.image.reset(rgb, size, IMAGEFORMAT_RGB);
+        return 0;
+    }
+    if (int st = imageBmp_readToMap(&p, &size, d.palette.red, d.palette.green, d.palette.blue, &d.palette.count,
+                                    path, 0))
+        return st;
+    d.image.reset(p, size, IMAGEFORMAT_MAP);
+    d.isMap = true;
+    return 0;
+}
+
+// The codec step of korImage_readFileToRGB for the types that are not
+// streamed. Types listed without a call have their codec still to come.
+int decodeForRGB(int type, const char* path, Decoded& d) {
+    switch (type) {
+        case 9: return bmpDecode(path, d);
+        case 0: case 3: case 29:  // TIFF
+        case 1: case 16:          // Intergraph RGB
+        case 5:                   // PCX
+        case 7:                   // GIF
+        case 10:                  // Sun raster
+        case 11: case 12:         // "p" and "a"
+        case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
+        case 14: case 15:         // FLI/FLC first frame
+        case 18:                  // JPEG
+        case 21: case 22:         // fax, CALS
+        case 24:                  // RLC
+        case 27:                  // PMA
+        case 28:                  // PNG
+        default: return IMGERR_UNSUPPORTEDTYPE;
+    }
+}
+
+// Resamples a row-planar image (3 or 4 planes) to requested when it differs.
+int resampleTo(OwnedImage& img, const ImageSize* requested, bool alpha, StopFunction stop) {
+    if (!requested || sameSize(*requested, img.size())) return 0;
+    void* out = nullptr;
+    ImageSize src = img.size();
+    int st = alpha ? korImage_resizeRGBA(&out, requested, img.get(), &src, stop)
+                   : korImage_resize(&out, requested, img.get(), &src, stop);
+    if (st != 0) return st;
+    img.reset(out, *requested, IMAGEFORMAT_RGB);
+    return 0;
+}
+
+void handOut(OwnedImage& img, uint8_t** out, ImageSize* outSize) {
+    if (outSize) *outSize = img.size();
+    *out = static_cast<uint8_t*>(img.release());
+}
+
+// Row-planar RGB of the file: korImage_readFileToRGB without its checks.
+// A stopped streamed read gives 1 and an image.
+int readRGB(OwnedImage& img, const char* path, int type, const ImageSize* requested, StopFunction stop) {
+    if (type == 2 || type == 4) {  // Targa and PICT: streamed, scaled by the streaming layer
+        uint8_t* rgb = nullptr;
+        ImageSize size{};
+        int st = streamReadImage(&rgb, &size, path, requested, false, stop);
+        if (st < 0) return st;
+        img.reset(rgb, size, IMAGEFORMAT_RGB);
+        return st;
+    }
+    Decoded d;
+    if (int st = decodeForRGB(type, path, d)) return st;
+    if (d.isMap) {
+        uint8_t* rgb = nullptr;
+        ImageSize size = d.image.size();
+        int st = korImage_mapToRGB(&rgb, d.image.bytes(), &size, d.palette.red, d.palette.green, d.palette.blue,
+                                   stop);
+        if (st != 0) {
+            if (rgb) dlmSystem_korFree(rgb);
+            return st;
+        }
+        d.image.reset(rgb, size, IMAGEFORMAT_RGB);
+    }
+    if (int st = resampleTo(d.image, requested, false, stop)) return st;
+    img.reset(d.image.get(), d.image.size(), IMAGEFORMAT_RGB);
+    d.image.release();
+    return 0;
+}
+
+// The palette-image codec step of korImage_extReadFileToMap: PackByte rows
+// and palette, or (trueColour set) nothing, for files to be read as RGB and
+// reduced.
+int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, bool& trueColour) {
+    trueColour = false;
+    switch (type) {
+        case 9: {
+            ImageSize size{};
+            int mode = 0;
+            if (int st = imageBmp_readInfo(&size, &mode, path)) return st;
+            if (mode == COLORMODE_RGB) {
+                trueColour = true;
+                return 0;
+            }
+            void* p = nullptr;
+            if (int st = imageBmp_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1)) return st;
+            rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
+            return 0;
+        }
+        case 0: case 3: case 29:  // TIFF palette reader
+        case 5:                   // PCX
+        case 7:                   // GIF
+        case 10:                  // Sun raster
+        case 11:                  // "p"
+        case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
+        case 14: case 15:         // FLI/FLC
+        case 18:                  // JPEG (grey files as 256 levels)
+        case 21: case 22:         // fax, CALS
+        case 28:                  // PNG asked for a palette
+        default: return IMGERR_UNSUPPORTEDTYPE;
+    }
+}
+
+// Maps a positive "stopped" answer of a conversion to the reader's status.
+int stoppedStatus(int st) { return st > 0 ? IMGERR_STOPPED : st; }
+
+}  // namespace
+
+int streamReadImage(uint8_t** out, ImageSize* outSize, const char* path, const ImageSize* requested, bool alpha,
+                    StopFunction stop) noexcept {
+    int st = 0;
+    StreamCloser c{korImage_openFile(&st, requested, path)};
+    if (!c.ctx) return st;
+    ImageSize size{};
+    korImage_getImageSize(&size, c.ctx);
+    const int planes = alpha ? 4 : 3;
+    size_t bytes = 0;
+    if (!imageBytes(size.x, size.y, planes, &bytes)) return IMGERR_BADFILE;
+    CallerBuffer<uint8_t> buf = callerBytes(bytes, true);
+    if (!buf) return IMGERR_NOMEMORY;
+    const size_t rowBytes = size_t(size.x) * planes;
+    const bool bottomUp = il::stream::orientationBits(c.ctx) == il::stream::kRowsBottomUp;
+    int result = 0;
+    for (int i = 0; i < size.y; ++i) {
+        if (imageUtil_reportProgress(stop, size.y, i)) {
+            result = IMGSTAT_STREAM_STOPPED;  // kept on purpose: 1, and the partial image is handed out
+            break;
+        }
+        uint8_t* r = buf.get() + rowBytes * size_t(bottomUp ? size.y - 1 - i : i);
+        st = korImage_getRow(c.ctx, r, r + size.x, r + 2 * size_t(size.x), alpha ? r + 3 * size_t(size.x) : nullptr);
+        if (st != 0) return st < 0 ? st : IMGERR_READFAILED;
+    }
+    *out = buf.release();
+    if (outSize) *outSize = size;
+    return result;
+}
+
+}  // namespace il::dispatch
+
+using namespace il::dispatch;
+
+extern "C" {
+
+int korImage_readFileInfo(ImageSize* size, int* colorMode, int* orientation, const char* path, int type) noexcept {
+    if (orientation) *orientation = 0;
+    type = resolveType(type, path);
+    if (type < 0) return type;
+    ImageSize sz{};
+    int mode = 0, orient = 0, st;
+    switch (type) {
+        case 1: case 4: case 16:  // through the streaming rows
+            st = streamInfo(path, &sz, &orient);
+            mode = COLORMODE_RGB;
+            break;
+        case 2:
+            st = imageTga_readInfo(&sz, &mode, &orient, path);
+            if (mode != COLORMODE_RGB && mode != COLORMODE_RGBA) mode = COLORMODE_RGB;
+            break;
+        case 9: st = imageBmp_readInfo(&sz, &mode, path); break;
+        case 0: case 3: case 29:  // TIFF
+        case 5:                   // PCX
+        case 7:                   // GIF
+        case 10:                  // Sun raster
+        case 11: case 12:         // "p" and "a"
+        case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph header
+        case 14: case 15:         // FLI/FLC
+        case 18:                  // JPEG
+        case 21: case 22:         // fax, CALS
+        case 24:                  // RLC
+        case 27:                  // PMA
+        case 28:                  // PNG
+        default: st = IMGERR_UNSUPPORTEDTYPE; break;
+    }
+    if (st != 0) return st;
+    if (size) *size = sz;
+    if (colorMode) *colorMode = mode;
+    if (orientation) *orientation = orient;
+    return 0;
+}
+
+int korImage_readFileInfoEx(ImageFileInfo* info, const char* path) noexcept {
+    if (!info) return IMGERR_BADARG;
+    ImageFileInfo r;
+    std::memset(&r, 0, sizeof r);
+    r.type = resolveType(-1, path);
+    if (r.type < 0) return r.type;
+    if (int st = korImage_readFileInfo(&r.size, &r.colorMode, &r.orientation, path, r.type)) return st;
+    // The Intergraph header reader fills the georeference fields here.
+    *info = r;
+    return 0;
+}
+
+int korImage_readFileToRGB(uint8_t** rgb, ImageSize* outSize, const char* path, int type, const ImageSize* requested,
+                           StopFunction stop) noexcept {
+    if (!rgb) return IMGERR_BADARG;
+    type = resolveType(type, path);
+    if (type < 0 || type > 29) return IMGERR_UNSUPPORTEDTYPE;
+    OwnedImage img;
+    int st = readRGB(img, path, type, requested, stop);
+    if (st < 0) return st;
+    handOut(img, rgb, outSize);
+    return st;
+}
+
+int korImage_readFileToRGBA(uint8_t** out, ImageSize* outSize, const char* path, int type,
+                            const ImageSize* requested, int separatePlanes, int useBackground,
+                            StopFunction stop) noexcept {
+    if (!out) return IMGERR_BADARG;
+    type = resolveType(type, path);
+    if (type < 0) return type;
+    int mode = 0;
+    if (int st = korImage_readFileInfo(nullptr, &mode, nullptr, path, type)) return st;
+
+    if (mode == COLORMODE_RGBA) {
+        OwnedImage img;
+        switch (type) {
+            case 2: {
+                uint8_t* p = nullptr;
+                ImageSize size{};
+                int st = streamReadImage(&p, &size, path, requested, true, stop);
+                if (st < 0) return st;
+                img.reset(p, size, IMAGEFORMAT_RGB);
+                if (st > 0) {  // stopped: hand out what was read
+                    handOut(img, out, outSize);
+                    return st;
+                }
+                break;
+            }
+            case 0: case 3: case 29:  // TIFF with alpha
+            case 28:                  // PNG asked for alpha
+            default: return IMGERR_UNSUPPORTEDTYPE;
+        }
+        if (int st = resampleTo(img, requested, true, stop)) return st;
+        if (!separatePlanes) {
+            ImageSize size = img.size();
+            if (int st = korImage_RGBSeparateToRGB(nullptr, img.bytes(), &size, IMAGEFORMAT_RGB2, nullptr))
+                return stoppedStatus(st);
+        }
+        handOut(img, out, outSize);
+        return 0;
+    }
+
+    switch (type) {
+        case 1: case 4: case 5: case 7: case 27: break;
+        default:
+            if (type >= 9 && type <= 25) break;
+            return IMGERR_UNSUPPORTEDTYPE;
+    }
+    OwnedImage rgb;
+    int st = readRGB(rgb, path, type, requested, stop);
+    if (st != 0) return st < 0 ? st : IMGERR_STOPPED;
+    const ImageSize size = rgb.size();
+    bool keyed = false;
+    uint32_t key = 0;
+    if (useBackground) {
+        uint8_t colour[4];
+        if (korImage_getImageBgColor(colour, path, type) == 0) {
+            key = il::colourKey(colour[0], colour[1], colour[2]);
+        } else {
+            const uint8_t* p = rgb.bytes();  // the top-left pixel
+            key = il::colourKey(p[0], p[size.x], p[2 * size_t(size.x)]);
+        }
+        keyed = true;
+    }
+    size_t bytes = 0;
+    if (!il::imageBytes(size.x, size.y, 4, &bytes)) return IMGERR_NOMEMORY;
+    il::CallerBuffer<uint8_t> dst = il::callerBytes(bytes);
+    if (!dst) return IMGERR_NOMEMORY;
+    if (separatePlanes && !keyed) {
+        const size_t planes = 3 * size_t(size.x);
+        for (int y = 0; y < size.y; ++y) {
+            uint8_t* d = dst.get() + 4 * size_t(size.x) * y;
+            std::memcpy(d, rgb.bytes() + planes * y, planes);
+            std::memset(d + planes, 0, size_t(size.x));
+        }
+    } else if (separatePlanes) {
+        il::rgbToKeyMask(dst.get(), rgb.bytes(), &size, key, nullptr);
+    } else if (keyed) {
+        il::rgbToRGBAKeyed(dst.get(), rgb.bytes(), &size, key, nullptr);
+    } else {
+        korImage_RGBToRGBA(dst.get(), rgb.bytes(), &size, nullptr);
+    }
+    if (outSize) *outSize = size;
+    *out = dst.release();
+    return 0;
+}
+
+int korImage_extReadFileToMap(uint8_t*** rows, ImageSize* size, uint8_t* red, uint8_t* green, uint8_t* blue,
+                              int* count, const char* path, int type, const ImageSize* requested, int extended,
+                              StopFunction stop) noexcept {
+    (void)extended;  // no reader in the library takes it yet
+    if (!rows || !red || !green || !blue || !count) return IMGERR_BADARG;
+    type = resolveType(type, path);
+    if (type < 0 || type > 29) return IMGERR_UNSUPPORTEDTYPE;
+    OwnedImage img;
+    Palette pal;
+    bool trueColour = false;
+    if (int st = decodeForMap(type, path, img, pal, trueColour)) return st;
+
+    if (trueColour) {
+        OwnedImage rgb;
+        int st = readRGB(rgb, path, type, requested, stop);
+        if (st != 0) return st < 0 ? st : IMGERR_STOPPED;
+        ImageSize sz = rgb.size();
+        st = korImage_getOptimizedPalette(pal.red, pal.green, pal.blue, &pal.count, 256, rgb.bytes(), &sz, stop);
+        if (st != 0) return stoppedStatus(st);
+        uint8_t** packed = nullptr;
+        st = korImage_RGBToPackByte(&packed, rgb.bytes(), &sz, pal.red, pal.green, pal.blue, pal.count, stop);
+        if (st != 0) {
+            if (packed) korImage_freeImage(packed, &sz, IMAGEFORMAT_PACKBYTE);
+            return stoppedStatus(st);
+        }
+        img.reset(packed, sz, IMAGEFORMAT_PACKBYTE);
+    } else if (requested && !sameSize(*requested, img.size())) {
+        // Palette images are resized by nearest-neighbour stepping.
+        size_t bytes = 0;
+        if (!il::imageBytes(requested->x, requested->y, 1, &bytes)) return IMGERR_BADARG;
+        auto** scaled = static_cast<uint8_t**>(dlmSystem_korCalloc(size_t(requested->y), sizeof(uint8_t*)));
+        if (!scaled) return IMGERR_NOMEMORY;
+        ImageSize from = img.size();
+        int st = korImage_extractPackByteSubImage(scaled, requested, static_cast<uint8_t* const*>(img.get()), &from,
+                                                  nullptr);
+        if (st != 0) {
+            korImage_freeImage(scaled, requested, IMAGEFORMAT_PACKBYTE);
+            return st;
+        }
+        img.reset(scaled, *requested, IMAGEFORMAT_PACKBYTE);
+    }
+    std::memcpy(red, pal.red, 256);
+    std::memcpy(green, pal.green, 256);
+    std::memcpy(blue, pal.blue, 256);
+    *count = pal.count;
+    if (size) *size = img.size();
+    *rows = static_cast<uint8_t**>(img.release());
+    return 0;
+}
+
+int korImage_readFileToMap(uint8_t*** rows, ImageSize* size, uint8_t* red, uint8_t* green, uint8_t* blue, int* count,
+                           const char* path, int type, const ImageSize* requested, StopFunction stop) noexcept {
+    return korImage_extReadFileToMap(rows, size, red, green, blue, count, path, type, requested, 0, stop);
+}
+
+int korImage_readFileToBitMap(void** bitmap, ImageSize* size, const char* path, int type, int runLength,
+                              StopFunction stop) noexcept {
+    if (!bitmap) return IMGERR_BADARG;
+    type = resolveType(type, path);
+    if (type < 0) return type;
+    ImageSize sz{};
+    int st;
+    switch (type) {
+        case 9: st = imageBmp_readToBitMap(bitmap, &sz, runLength, path, stop); break;
+        case 0: case 3: case 29:  // TIFF
+        case 5:                   // PCX
+        case 13: case 19: case 20: case 23:  // Intergraph
+        case 21: case 22:         // fax, CALS
+        case 24:                  // RLC
+        case 28:                  // PNG asked for bilevel
+        default: st = IMGERR_UNSUPPORTEDTYPE; break;
+    }
+    if (st == 0 && size) *size = sz;
+    return st;
+}
+
+int korImage_readPalette(uint8_t* red, uint8_t* green, uint8_t* blue, int* count, const char* path,
+                         int type) noexcept {
+    if (!red || !green || !blue || !count) return IMGERR_BADARG;
+    type = resolveType(type, path);
+    if (type < 0) return type;
+    switch (type) {
+        case 0: case 3: case 29:  // TIFF
+        case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph
+        default: return IMGERR_UNSUPPORTEDTYPE;
+    }
+}
+
+int korImage_readFileToBuffer(void** buffer, int* imageFormat, int* colorMode, uint8_t* red, uint8_t* green,
+                              uint8_t* blue, int* count, ImageSize* size, const char* path, int type, int forceRGB,
+                              StopFunction stop) noexcept {
+    if (!buffer || !size) return IMGERR_BADARG;
+    // Null outputs are replaced by scratch.
+    Palette scratch;
+    int layoutScratch = 0, modeScratch = 0;
+    if (!imageFormat) imageFormat = &layoutScratch;
+    if (!colorMode) colorMode = &modeScratch;
+    if (!count) count = &scratch.count;
+    if (!red) red = scratch.red;
+    if (!green) green = scratch.green;
+    if (!blue) blue = scratch.blue;
+
+    type = resolveType(type, path);
+    if (type < 0) return type;
+    int mode = 0;
+    if (int st = korImage_readFileInfo(nullptr, &mode, nullptr, path, type)) return st;
+    // The Intergraph application packet, when the Intergraph codec finds
+    // one, gives a scan orientation here; no other file carries one.
+    int orientation = -1;
+
+    OwnedImage img;
+    int layout = 0;
+    ImageSize sz{};
+    int st = 0;
+    switch (mode) {
+        case COLORMODE_RGB: {
+            uint8_t* p = nullptr;
+            st = korImage_readFileToRGB(&p, &sz, path, type, nullptr, stop);
+            if (st < 0) return st;
+            img.reset(p, sz, IMAGEFORMAT_RGB);
+            layout = IMAGEFORMAT_RGB;
+            break;
+        }
+        case COLORMODE_PALETTE16:
+        case COLORMODE_PALETTE256:
+        case COLORMODE_GREY: {
+            uint8_t** rows = nullptr;
+            st = korImage_readFileToMap(&rows, &sz, red, green, blue, count, path, type, nullptr, stop);
+            if (st != 0) return st;
+            OwnedImage packed(rows, sz, IMAGEFORMAT_PACKBYTE);
+            uint8_t* map = nullptr;
+            if (int s = il::packByteDecodeImage(&map, rows, &sz)) return s;
+            img.reset(map, sz, IMAGEFORMAT_MAP);
+            layout = IMAGEFORMAT_MAP;
+            break;
+        }
+        case COLORMODE_BILEVEL: {
+            void* rows = nullptr;
+            st = korImage_readFileToBitMap(&rows, &sz, path, type, 1, stop);
+            if (st != 0) return st;
+            img.reset(rows, sz, IMAGEFORMAT_RLEBITMAP);
+            layout = IMAGEFORMAT_RLEBITMAP;
+            red[0] = green[0] = blue[0] = 255;
+            red[1] = green[1] = blue[1] = 0;
+            *count = 2;
+            break;
+        }
+        case COLORMODE_RGBA: {
+            uint8_t* p = nullptr;
+            if (forceRGB) {
+                st = korImage_readFileToRGB(&p, &sz, path, type, nullptr, stop);
+                layout = IMAGEFORMAT_RGB;
+                mode = COLORMODE_RGB;
+            } else {
+                st = korImage_readFileToRGBA(&p, &sz, path, type, nullptr, 0, 0, stop);
+                layout = IMAGEFORMAT_RGBA;
+            }
+            if (st < 0) return st;
+            img.reset(p, sz, layout);
+            break;
+        }
+        default: return IMGERR_UNSUPPORTEDTYPE;
+    }
+
+    if (orientation >= 0) {
+        void* p = img.release();
+        ImageSize s = sz;
+        if (korImage_convertToUpperLeftHorizontal(&p, &s, orientation, layout, stop) != 0) {
+            korImage_freeImage(p, &s, layout);
+            return IMGERR_NOMEMORY;
+        }
+        sz = s;
+        img.reset(p, sz, layout);
+    }
+
+    if (forceRGB && layout != IMAGEFORMAT_RGB) {
+        uint8_t* rgb = nullptr;
+        int s;
+        if (layout == IMAGEFORMAT_MAP) {
+            s = korImage_extMapToRGB(&rgb, img.get(), &sz, red, green, blue, 0, stop);
+        } else if (layout == IMAGEFORMAT_RLEBITMAP) {
+            const uint8_t fg[3] = {red[1], green[1], blue[1]};
+            const uint8_t bg[3] = {red[0], green[0], blue[0]};
+            s = korImage_extBitMapToRGB(&rgb, img.get(), &sz, fg, bg, 1, stop);
+        } else {
+            return IMGERR_BADIMAGEFORMAT;
+        }
+        if (s != 0) {
+            if (rgb) dlmSystem_korFree(rgb);
+            return stoppedStatus(s);
+        }
+        img.reset(rgb, sz, IMAGEFORMAT_RGB);
+        layout = IMAGEFORMAT_RGB;
+        mode = COLORMODE_RGB;
+        *count = 0;
+    }
+    *imageFormat = layout;
+    *colorMode = mode;
+    *size = sz;
+    *buffer = img.release();
+    return st;
+}
+
+}  // extern "C"

@@ -1,0 +1,147 @@
+// imagelib info / imagelib convert
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "cli.h"
+#include "image.h"
+
+namespace cli {
+
+namespace {
+
+bool parseInt(const std::string& s, int& v) {
+    char* end;
+    long l = std::strtol(s.c_str(), &end, 10);
+    if (s.empty() || *end || l < -1000000000 || l > 1000000000) return false;
+    v = int(l);
+    return true;
+}
+
+bool parseSize(const std::string& s, ImageSize& size) {
+    size_t x = s.find_first_of("xX");
+    if (x == std::string::npos) return false;
+    int w, h;
+    if (!parseInt(s.substr(0, x), w) || !parseInt(s.substr(x + 1), h) || w <= 0 || h <= 0) return false;
+    size = {w, h};
+    return true;
+}
+
+bool parseRect(const std::string& s, double r[4]) {
+    size_t at = 0;
+    for (int i = 0; i < 4; ++i) {
+        size_t comma = s.find(',', at);
+        if ((comma == std::string::npos) != (i == 3)) return false;
+        int v;
+        if (!parseInt(s.substr(at, comma == std::string::npos ? std::string::npos : comma - at), v)) return false;
+        r[i] = v;
+        at = comma + 1;
+    }
+    return true;
+}
+
+const char* orientationName(int o) { return o == 2 ? "bottom-up" : o == 0 ? "top-down" : "other"; }
+
+}  // namespace
+
+int cmdInfo(const Args& args) {
+    bool json = false;
+    std::string file;
+    for (const auto& a : args) {
+        if (a == "--json") json = true;
+        else if (!a.empty() && a[0] == '-') return usage("info: unknown option '" + a + "'");
+        else if (file.empty()) file = a;
+        else return usage("info: expected one FILE");
+    }
+    if (file.empty()) return usage("info: expected one FILE");
+    ImageFileInfo info;
+    int st = korImage_readFileInfoEx(&info, file.c_str());
+    if (st != 0) return failure(file, st);
+    char ext[16];
+    korImage_getExtension(ext, info.type);
+    if (json) {
+        std::printf("{\"file\": %s, \"type\": %d, \"extension\": %s, \"width\": %d, \"height\": %d, "
+                    "\"colorMode\": %d, \"colorModeName\": \"%s\", \"orientation\": %d}\n",
+                    jsonString(file).c_str(), info.type, jsonString(ext).c_str(), info.size.x, info.size.y,
+                    info.colorMode, modeName(info.colorMode), info.orientation);
+    } else {
+        std::printf("file:        %s\ntype:        %d (%s)\nsize:        %d x %d\ncolour mode: %d (%s)\n"
+                    "orientation: %d (%s)\n",
+                    file.c_str(), info.type, ext, info.size.x, info.size.y, info.colorMode,
+                    modeName(info.colorMode), info.orientation, orientationName(info.orientation));
+    }
+    return kOk;
+}
+
+int cmdConvert(const Args& args) {
+    std::string in, out;
+    int type = -1, mode = -1, quality = -1, compression = -1, angle = 0, mirrorMode = -1;
+    ImageSize size{};
+    double rect[4];
+    bool haveSize = false, haveCrop = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        auto value = [&](std::string& v) {
+            if (i + 1 >= args.size()) return false;
+            v = args[++i];
+            return true;
+        };
+        std::string v;
+        if (a == "--type") {
+            if (!value(v) || !parseInt(v, type) || type < 0 || type >= IMAGELIB_FILETYPE_COUNT)
+                return usage("convert: --type takes a type number 0..41");
+        } else if (a == "--mode") {
+            if (!value(v) || (mode = parseMode(v)) < 0)
+                return usage("convert: --mode takes rgb, 16, 256, grey, bilevel, rgba or 1..6");
+        } else if (a == "--quality") {
+            if (!value(v) || !parseInt(v, quality)) return usage("convert: --quality takes a number");
+        } else if (a == "--compression") {
+            if (!value(v) || !parseInt(v, compression)) return usage("convert: --compression takes a number");
+        } else if (a == "--size") {
+            if (!value(v) || !parseSize(v, size)) return usage("convert: --size takes WxH");
+            haveSize = true;
+        } else if (a == "--rotate") {
+            if (!value(v) || !parseInt(v, angle) || (angle != 90 && angle != 180 && angle != 270))
+                return usage("convert: --rotate takes 90, 180 or 270");
+        } else if (a == "--mirror") {
+            if (!value(v) || (v != "v" && v != "h")) return usage("convert: --mirror takes v or h");
+            mirrorMode = v == "v" ? 0 : 1;
+        } else if (a == "--crop") {
+            if (!value(v) || !parseRect(v, rect)) return usage("convert: --crop takes x0,y0,x1,y1");
+            haveCrop = true;
+        } else if (!a.empty() && a[0] == '-' && a.size() > 1) {
+            return usage("convert: unknown option '" + a + "'");
+        } else if (in.empty()) {
+            in = a;
+        } else if (out.empty()) {
+            out = a;
+        } else {
+            return usage("convert: expected IN and OUT");
+        }
+    }
+    if (out.empty()) return usage("convert: expected IN and OUT");
+    const bool pnmOut = type < 0 && isPnmName(out);
+    if (!pnmOut && type < 0) {
+        type = korImage_typeFromExtension(out.c_str());
+        if (type < 0) return failure(out, type);
+    }
+    StopFunction stop = progressFunction();
+    Image img;
+    int st = loadImage(in, img, false, stop);
+    if (st == 0 && haveCrop) st = crop(img, rect, stop);
+    if (st == 0 && haveSize) st = resize(img, size, stop);
+    if (st == 0 && angle) st = rotate(img, angle, stop);
+    if (st == 0 && mirrorMode >= 0) st = mirror(img, mirrorMode, stop);
+    if (st != 0) {
+        progressDone();
+        return failure(in, st);
+    }
+    if (mode < 0) mode = pnmOut ? img.colorMode : defaultWriteMode(type, img.colorMode);
+    int code = quality >= 0 ? quality : compression >= 0 ? compression : 90;
+    st = saveImage(out, pnmOut ? -1 : type, mode, img, code, stop);
+    progressDone();
+    if (st != 0) return failure(out, st);
+    return kOk;
+}
+
+}  // namespace cli
