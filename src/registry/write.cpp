@@ -256,25 +256,14 @@ int korImage_createFileFromPackByte(const char* path, int type, int colorMode, c
     type = writeType(type, path);
     if (type < 0) return type;
     if (colorMode == COLORMODE_BILEVEL && paletteFits(colorMode, count)) {
-        // Two colours: threshold the grey levels into a bitmap.
+        // Two colours: written as a bitmap, set bits for the darker entry.
         size_t bytes = 0;
         if (!il::imageBytes((size->x + 7) / 8, size->y, 1, &bytes)) return IMGERR_BADARG;
         il::CallerBuffer<uint8_t> bits = il::callerBytes(bytes, true);
         if (!bits) return IMGERR_NOMEMORY;
-        uint8_t r[256], g[256], b[256];
-        std::memcpy(r, red, 256);
-        std::memcpy(g, green, 256);
-        std::memcpy(b, blue, 256);
-        int n = count;
-        OwnedImage grey;
-        {
-            auto** greyRows = static_cast<uint8_t**>(dlmSystem_korCalloc(size_t(size->y), sizeof(uint8_t*)));
-            if (!greyRows) return IMGERR_NOMEMORY;
-            grey.reset(greyRows, *size, IMAGEFORMAT_PACKBYTE);
-            int st = korImage_convertToGreyScale(greyRows, r, g, b, &n, rows, size, IMAGEFORMAT_PACKBYTE, stop);
-            if (st != 0) return st > 0 ? IMGERR_STOPPED : st;
-        }
-        int st = korImage_packByteToBitMap(bits.get(), static_cast<uint8_t* const*>(grey.get()), r, g, b, n, size, 0);
+        // The grey levels of the two entries, thresholded half-way between
+        // the darker and the lighter one.
+        int st = korImage_packByteToBitMap(bits.get(), rows, red, green, blue, count, size, 1);
         if (st != 0) return st;
         return korImage_createFileFromBitMap(path, type, size, bits.get(), 0, nullptr, nullptr, stop);
     }
