@@ -128,7 +128,7 @@ int loadPnm(const std::string& path, Image& img) {
     const size_t planes = alpha ? 4 : 3;
     auto* out = static_cast<uint8_t*>(dlmSystem_korCalloc(x * size_t(h) * planes, 1));
     if (!out) return IMGERR_NOMEMORY;
-    std::vector<uint8_t> px(depth);
+    std::vector<uint8_t> px(depth), rowBuf(x * size_t(depth));
     int st = 0;
     for (long y = 0; y < h && st == 0; ++y) {
         uint8_t* row = out + x * planes * size_t(y);
@@ -143,6 +143,24 @@ int loadPnm(const std::string& path, Image& img) {
                     uint8_t v = (c & (0x80 >> b)) ? 0 : 255;
                     if (alpha) row[(i + b) * 4] = row[(i + b) * 4 + 1] = row[(i + b) * 4 + 2] = v, row[(i + b) * 4 + 3] = 255;
                     else row[i + b] = row[x + i + b] = row[2 * x + i + b] = v;
+                }
+            }
+            continue;
+        }
+        if (!plain && !bits && maxval == 255) {  // the common case: whole rows of bytes
+            std::vector<uint8_t>& buf = rowBuf;
+            if (std::fread(buf.data(), 1, x * size_t(depth), f.get()) != x * size_t(depth)) {
+                st = IMGERR_READFAILED;
+                break;
+            }
+            for (size_t i = 0; i < x; ++i) {
+                const uint8_t* q = &buf[i * size_t(depth)];
+                uint8_t r = q[0], g = depth >= 3 ? q[1] : q[0], b = depth >= 3 ? q[2] : q[0];
+                if (alpha) {
+                    uint8_t* p = row + i * 4;
+                    p[0] = r, p[1] = g, p[2] = b, p[3] = q[depth - 1];
+                } else {
+                    row[i] = r, row[x + i] = g, row[2 * x + i] = b;
                 }
             }
             continue;
