@@ -7,9 +7,75 @@
 IMAGELIB_EXTERN_C_BEGIN
 
 /* ==== resample: resampling ==== */
+/* Resamples a row-planar RGB image (layout 5: per row x red, x green, x blue
+   bytes) to destSize: linear interpolation where an axis grows, area
+   averaging where it shrinks, a copy where it stays. *out receives a new
+   block of destSize->x * 3 * destSize->y bytes (host allocator). The stop
+   function is polled before each destination row with (destination height,
+   row); its nonzero answer is returned and no block is handed out.
+   0, IMGERR_BADARG (null pointers, sizes not positive), IMGERR_NOMEMORY. */
+IMAGELIB_API int korImage_resize(void** out, const ImageSize* destSize, const void* source,
+                                 const ImageSize* sourceSize, StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* As korImage_resize for row-planar RGBA (4 planes a row: red, green, blue,
+   alpha). */
+IMAGELIB_API int korImage_resizeRGBA(void** out, const ImageSize* destSize, const void* source,
+                                     const ImageSize* sourceSize, StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* Produces destination rows first .. last of the resampling of a row-planar
+   RGB source into *band ((last - first + 1) * 3 * destSize->x bytes,
+   allocated with the host allocator when *band is null). The resampler keeps
+   its state between calls (one state per thread), so that successive bands
+   continue where the previous call stopped; rows between the last one
+   produced and first are produced and thrown away. A call that asks for a
+   row already passed, or for other sizes, starts afresh. The stop function
+   is polled before each band row with (last, row); its nonzero answer is
+   returned. 0, IMGERR_BADARG, IMGERR_NOMEMORY. */
+IMAGELIB_API int korImage_resizeBand(void** band, const ImageSize* destSize, int first, int last,
+                                     const void* source, const ImageSize* sourceSize,
+                                     StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* Releases the state kept by korImage_resizeBand on this thread. Returns 0. */
+IMAGELIB_API int korImage_resizeCleanup(void) IMAGELIB_NOEXCEPT;
 /* (end of resample) */
 
 /* ==== rotate: quarter-turn rotation, mirroring and orientation ==== */
+/* Rotates an image of any layout 1..8 by a quarter-turn multiple: 90 moves
+   pixel (x, y) to (y, W - 1 - x) (counter-clockwise), 180 to
+   (W - 1 - x, H - 1 - y), 270 to (H - 1 - y, x) (clockwise). Any other angle
+   hands back a new block of the same size with unspecified content (for the
+   row tables of layouts 2 and 8: all rows null) and status 0.
+   *result receives the new image; result may point at the pointer that
+   holds source, which is then freed on success. resultSize (may be null or
+   sourceSize itself) gets width and height exchanged for 90 and 270.
+   The stop function is polled once per source row (stop, H, y); stopped:
+   IMGERR_STOPPED with *result unchanged. IMGERR_BADARG for an unknown
+   layout, IMGERR_NOMEMORY, IMGERR_BADFILE for a run-length row that does not
+   reach the width. */
+IMAGELIB_API int korImage_rotate(void** result, ImageSize* resultSize, void* source,
+                                 const ImageSize* sourceSize, int format, int angle,
+                                 StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* Mirrors an image in place: mode 0 exchanges rows top and bottom, any other
+   mode reverses every row left to right. For layouts 2 and 8, image is the
+   row table. 0, IMGERR_BADARG, IMGERR_NOMEMORY, IMGERR_STOPPED,
+   IMGERR_BADFILE (a run-length row that does not reach the width). */
+IMAGELIB_API int korImage_mirror(void* image, const ImageSize* size, int format, int mode,
+                                 StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* Turns an image stored in scan orientation `orientation` (0..7) upright,
+   top to bottom and left to right, in place: *image and *size are replaced
+   when a rotation replaces the buffer. Code 4 is decided from the
+   transformation matrix (elements 0, 1 and 4 are read; null means nothing to
+   do); codes above 7 do nothing. Returns the status of the last operation,
+   0 when nothing was done. */
+IMAGELIB_API int korImage_transformToUpperLeftHorizontal(void** image, ImageSize* size, int orientation,
+                                                         int format, const double* matrix,
+                                                         StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* As korImage_transformToUpperLeftHorizontal with no matrix. */
+IMAGELIB_API int korImage_convertToUpperLeftHorizontal(void** image, ImageSize* size, int orientation,
+                                                       int format, StopFunction stop) IMAGELIB_NOEXCEPT;
 /* (end of rotate) */
 
 /* ==== subimage: sub-image extraction ==== */
@@ -19,7 +85,8 @@ IMAGELIB_EXTERN_C_BEGIN
    the caller gives the table of destinationSize->y pointers and the function allocates the rows
    (host allocator). Parts of the rectangle outside the source repeat the nearest edge pixel.
    Status 0; -126 for a null buffer or size, a non-finite rectangle or an empty source with a
-   non-empty destination; -116 when an allocation fails (row tables are then left all null). */
+   non-empty destination; -116 when an allocation fails (no destination row is left allocated then).
+   Source rows of the row-table layouts are read up to the width (a null row reads as zeros). */
 /* Dispatch by layout: 1, 2, 3, 4, 5, 7, 8; -107 for 6 or an unknown code. */
 IMAGELIB_API int korImage_extractSubImage(void* destination, const ImageSize* destinationSize, const void* source, const ImageSize* sourceSize, const double* rectangle, int format) IMAGELIB_NOEXCEPT;
 /* Byte map to byte map; every copied value passes through remap (256 bytes) when it is not null. */
@@ -46,7 +113,8 @@ IMAGELIB_API int korImage_subByteMapFromRLEBitMap(uint8_t* destination, const Im
    pixel centres. Spans of a single pixel are never painted. *filled (may be null) becomes 1 once
    a span is painted. Status 0, -144 when stopped (rows already painted stay), -116 when memory
    runs out, -126 for a bad argument (null image or size, non-finite point, negative count). */
-/* Layouts 1 and 2 (value nonzero sets, 0 clears), 3, 4 and 8 (value byte); -126 for another layout. */
+/* Layouts 1 and 2 (value nonzero sets, 0 clears), 3, 4 and 8 (value byte); -126 for another layout.
+   A painted row of layouts 2 and 8 is decoded, painted and stored anew (a null row counts as zeros). */
 IMAGELIB_API int korImage_setMapPolygon(void* image, int* filled, const ImageSize* size, int format, const double* points, int pointCount, int outside, int value, StopFunction stop) IMAGELIB_NOEXCEPT;
 /* Row-planar RGB; rgb holds red, green, blue. */
 IMAGELIB_API int korImage_setRGBPolygon(uint8_t* image, int* filled, const ImageSize* size, const double* points, int pointCount, int outside, const uint8_t* rgb, StopFunction stop) IMAGELIB_NOEXCEPT;

@@ -41,9 +41,9 @@ int appendStripToRLERows(uint16_t** rows, int first, int last, int step, const u
 
 // Bounded decoding of a run-length row that came from a file: at most
 // runCount runs are read and nothing past width pixels is written (the
-// last run is clipped). The bits of runs that the row does not supply are
-// left as they were. Returns the number of runs used to reach the width,
-// or IMGERR_BADFILE when the runs end before the width is reached.
+// last run is clipped; padding bits of the last byte are kept). Pixels
+// that the runs do not reach are background. Returns the number of runs
+// used to reach the width, or IMGERR_BADFILE when the runs end before it.
 int rleDecodeRowBounded(uint8_t* row, const uint16_t* runs, int runCount, int width) noexcept;
 
 // Number of runs of a run-length row up to the one that reaches width
