@@ -75,6 +75,21 @@ bool hasPaletteWriter(int type) {
     }
 }
 
+// A palette image (byte map, or PackByte rows when packed) through its
+// type's palette writer when the palette fits the colour mode (PNG takes any
+// palette, but not in RGB mode), else expanded to RGB and written as such.
+int writePaletteImage(const char* path, int type, int colourMode, const ImageSize* size, const void* image,
+                      bool packed, const uint8_t* red, const uint8_t* green, const uint8_t* blue, int count,
+                      StopFunction stop) {
+    const bool fits = paletteFits(colourMode, count) || type == 28;
+    const bool pngRGB = type == 28 && colourMode == COLORMODE_RGB;
+    if (fits && !pngRGB && hasPaletteWriter(type))
+        return writePalette(path, type, colourMode, size, image, packed, red, green, blue, count, stop);
+    OwnedImage rgb;
+    if (int st = expandToRGB(rgb, image, packed, size, red, green, blue)) return st;
+    return korImage_createFileFromRGB(path, type, colourMode, size, rgb.bytes(), stop);
+}
+
 // Bitmap rows to PackByte rows of 0 and 1 bytes.
 int bitmapToPackByte(OwnedImage& out, const void* bitmap, bool runLength, const ImageSize* size) {
     size_t bytes = 0;
@@ -175,13 +190,7 @@ int korImage_createFileFromMap(const char* path, int type, int colorMode, const 
     if (!map || !red || !green || !blue || !size || size->x <= 0 || size->y <= 0) return IMGERR_BADARG;
     type = writeType(type, path);
     if (type < 0) return type;
-    const bool fits = paletteFits(colorMode, count) || type == 28;
-    const bool pngRGB = type == 28 && colorMode == COLORMODE_RGB;
-    if (fits && !pngRGB && hasPaletteWriter(type))
-        return writePalette(path, type, colorMode, size, map, false, red, green, blue, count, stop);
-    OwnedImage rgb;
-    if (int st = expandToRGB(rgb, map, false, size, red, green, blue)) return st;
-    return korImage_createFileFromRGB(path, type, colorMode, size, rgb.bytes(), stop);
+    return writePaletteImage(path, type, colorMode, size, map, false, red, green, blue, count, stop);
 }
 
 int korImage_extCreateFileFromMap(const char* path, int type, int colorMode, const ImageSize* size,
@@ -267,13 +276,7 @@ int korImage_createFileFromPackByte(const char* path, int type, int colorMode, c
         if (st != 0) return st;
         return korImage_createFileFromBitMap(path, type, size, bits.get(), 0, nullptr, nullptr, stop);
     }
-    const bool fits = paletteFits(colorMode, count) || type == 28;
-    const bool pngRGB = type == 28 && colorMode == COLORMODE_RGB;
-    if (fits && !pngRGB && hasPaletteWriter(type))
-        return writePalette(path, type, colorMode, size, rows, true, red, green, blue, count, stop);
-    OwnedImage rgb;
-    if (int st = expandToRGB(rgb, rows, true, size, red, green, blue)) return st;
-    return korImage_createFileFromRGB(path, type, colorMode, size, rgb.bytes(), stop);
+    return writePaletteImage(path, type, colorMode, size, rows, true, red, green, blue, count, stop);
 }
 
 int korImage_createFileFromBuffer(const char* path, int type, int colorMode, const ImageSize* size,
