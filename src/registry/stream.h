@@ -39,12 +39,19 @@ using OpenFn = int (*)(ImageFileContext* ctx, const char* path);
 // Same contract as OpenFn, with writeRow/close filled in.
 using CreateFn = int (*)(ImageFileContext* ctx, const char* path, int type, int colourMode);
 
+// The background colour of the file at path: 0 with red, green and blue in
+// rgb[0..2] when its header marks one, 32768 when it has none, or the
+// status of a failed open.
+using BackgroundFn = int (*)(uint8_t* rgb, const char* path);
+
 // One row of the handler table: the file type it serves, and its open and
-// create operations (null when it does not read or write that type).
+// create operations (null when it does not read or write that type) and
+// its background query (null for types that carry no background).
 struct Handler {
     int type;
     OpenFn open;
     CreateFn create;
+    BackgroundFn background;
 };
 
 // The orientation bits (bits 0-1 of the orientation code) of a file whose
@@ -52,10 +59,11 @@ struct Handler {
 // last one upwards.
 constexpr int kRowsBottomUp = 2;
 
-// Scaling tables of one axis; defined by the streaming layer.
-struct AxisTable;
-
 }  // namespace il::stream
+
+namespace il {
+struct AxisTable;  // the resampler's table of one axis (pixels/resize.h)
+}
 
 // The open-file context (opaque to users of the public header). Allocated
 // zero-filled by the streaming layer with tag "RGBF".
@@ -72,15 +80,17 @@ struct ImageFileContext {
     int row;              // index of the last row handed over, -1 before the first
 
     // Resampling of caller rows from or to file rows (scaling only).
-    il::stream::AxisTable* xTable;
+    il::AxisTable* xTable;
     int xMode;            // 0 same width, 1 enlarge, 2 reduce
-    il::stream::AxisTable* yTable;
+    il::AxisTable* yTable;
     int yMode;
     int yPos;             // output row being built
     int storedRows;       // stored rows read or written so far
 
     uint8_t* planes[4];   // file-width red, green, blue, alpha (alpha only with alpha)
-    uint32_t* acc[3];     // caller-width accumulators, 3 planes (4 with alpha) one after another
+    // Accumulator rows at the resampled width (the caller's when reading, the
+    // file's when writing), 3 planes (4 with alpha) one after another.
+    uint32_t* acc[3];
 
     int alpha;            // the file carries (or is to carry) an alpha channel
 

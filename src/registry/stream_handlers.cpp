@@ -1,0 +1,31 @@
+// The streaming handlers: one row per file type with a row reader or
+// writer. Opening tries the rows with an open operation in table order;
+// creating takes the row of the requested type. A codec that gains a
+// streaming handler fills its row here and nothing else changes.
+#include "codecs/native/bmp.h"
+#include "registry/stream.h"
+#include "registry/targa.h"
+
+namespace il::stream {
+namespace {
+
+// Rows whose codec has not landed yet refuse with IMGERR_UNSUPPORTEDTYPE:
+// Intergraph RGB, TIFF, PICT and EPS.
+int notYetOpen(ImageFileContext*, const char*) noexcept { return IMGERR_UNSUPPORTEDTYPE; }
+int notYetCreate(ImageFileContext*, const char*, int, int) noexcept { return IMGERR_UNSUPPORTEDTYPE; }
+int notYetBackground(uint8_t*, const char*) noexcept { return IMGERR_UNSUPPORTEDTYPE; }
+
+}  // namespace
+
+const Handler kHandlers[] = {
+    {1, notYetOpen, notYetCreate, notYetBackground},  // Intergraph RGB
+    {2, imageTga_open, imageTga_create, nullptr},     // Targa
+    {3, notYetOpen, notYetCreate, nullptr},           // TIFF, compressed when written
+    {0, nullptr, notYetCreate, nullptr},              // TIFF, uncompressed
+    {4, nullptr, notYetCreate, nullptr},              // PICT
+    {6, nullptr, notYetCreate, nullptr},              // EPS
+    {9, nullptr, imageBmp_createFile, nullptr},       // BMP, 24 bits
+};
+const int kHandlerCount = int(sizeof kHandlers / sizeof kHandlers[0]);
+
+}  // namespace il::stream
