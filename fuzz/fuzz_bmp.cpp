@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "codecs/native/bmp.h"
-#include "fuzz_support.h"
+#include "harness_support.h"
 #include "imagelib/imagelib.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

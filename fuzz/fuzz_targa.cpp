@@ -3,7 +3,7 @@
 // size taken from the input.
 #include <vector>
 
-#include "fuzz_support.h"
+#include "harness_support.h"
 #include "imagelib/imagelib.h"
 #include "registry/targa.h"
 

@@ -1,5 +1,5 @@
 // Arbitrary bytes through type detection from contents and from the name.
-#include "fuzz_support.h"
+#include "harness_support.h"
 #include "imagelib/imagelib.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -6,7 +6,8 @@ build=$1
 secs=${2:-5}
 root=$(cd "$(dirname "$0")/.." && pwd)
 CC=clang CXX=clang++ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIMAGELIB_FUZZ=ON >/dev/null
-cmake --build "$build" -j"$(nproc 2>/dev/null || echo 2)"
+targets=$(cd "$root/fuzz" && ls fuzz_*.cpp | sed "s/\.cpp$//")
+cmake --build "$build" -j"$(nproc 2>/dev/null || echo 2)" --target $targets
 for h in "$build"/fuzz/fuzz_*; do
   [ -x "$h" ] || continue
   name=$(basename "$h")

@@ -1,4 +1,4 @@
-#include "fuzz_support.h"
+#include "harness_support.h"
 
 #include <unistd.h>
 
