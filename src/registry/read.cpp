@@ -192,7 +192,7 @@ int streamReadImage(uint8_t** out, ImageSize* outSize, const char* path, const I
     korImage_getImageSize(&size, c.ctx);
     const int planes = alpha ? 4 : 3;
     size_t bytes = 0;
-    if (!imageBytes(size.x, size.y, planes, &bytes)) return IMGERR_BADFILE;
+    if (!imageBytes(size.x, size.y, planes, &bytes)) return requested ? IMGERR_BADARG : IMGERR_BADFILE;
     CallerBuffer<uint8_t> buf = callerBytes(bytes, true);
     if (!buf) return IMGERR_NOMEMORY;
     const size_t rowBytes = size_t(size.x) * planes;

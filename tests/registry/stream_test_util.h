@@ -85,12 +85,12 @@ inline Planar upright(const Planar& img, int orientation) {
 inline std::vector<uint8_t> tga(int imageType, int width, int height, int depth, int descriptor,
                                 std::vector<uint8_t> data = {}, int mapFirst = 0, int mapLength = 0,
                                 int mapBits = 0, int idLength = 0) {
-    std::vector<uint8_t> f = {uint8_t(idLength), uint8_t(mapLength ? 1 : 0), uint8_t(imageType), uint8_t(mapFirst),
-                              uint8_t(mapFirst >> 8), uint8_t(mapLength), uint8_t(mapLength >> 8), uint8_t(mapBits),
-                              0, 0, 0, 0, uint8_t(width), uint8_t(width >> 8), uint8_t(height), uint8_t(height >> 8),
-                              uint8_t(depth), uint8_t(descriptor)};
-    f.insert(f.end(), data.begin(), data.end());
-    return f;
+    const uint8_t header[18] = {uint8_t(idLength), uint8_t(mapLength ? 1 : 0), uint8_t(imageType), uint8_t(mapFirst),
+                                uint8_t(mapFirst >> 8), uint8_t(mapLength), uint8_t(mapLength >> 8), uint8_t(mapBits),
+                                0, 0, 0, 0, uint8_t(width), uint8_t(width >> 8), uint8_t(height), uint8_t(height >> 8),
+                                uint8_t(depth), uint8_t(descriptor)};
+    data.insert(data.begin(), header, header + 18);
+    return data;
 }
 
 }  // namespace stest

@@ -40,7 +40,16 @@ bool parseRect(const std::string& s, double r[4]) {
     return true;
 }
 
-const char* orientationName(int o) { return o == 2 ? "bottom-up" : o == 0 ? "top-down" : "other"; }
+// What an orientation code means: Targa files report their origin (4..7),
+// files read through the streaming rows their row order (2 = bottom-up).
+const char* orientationName(int type, int o) {
+    if (type == 2) {
+        static const char* kOrigins[4] = {"top-left origin", "top-right origin", "bottom-left origin",
+                                          "bottom-right origin"};
+        if (o >= 4 && o <= 7) return kOrigins[o - 4];
+    }
+    return o == 2 ? "rows bottom-up" : o == 0 ? "rows top-down" : "stored scan orientation";
+}
 
 }  // namespace
 
@@ -68,7 +77,7 @@ int cmdInfo(const Args& args) {
         std::printf("file:        %s\ntype:        %d (%s)\nsize:        %d x %d\ncolour mode: %d (%s)\n"
                     "orientation: %d (%s)\n",
                     file.c_str(), info.type, ext, info.size.x, info.size.y, info.colorMode,
-                    modeName(info.colorMode), info.orientation, orientationName(info.orientation));
+                    modeName(info.colorMode), info.orientation, orientationName(info.type, info.orientation));
     }
     return kOk;
 }
