@@ -91,8 +91,6 @@ TEST(TargaInterop, FilesOfOtherProgramsReadAsTheyReadThem) {
     };
     const Case cases[] = {
         {"convert {in} -compress None {out}", 'c', false, true},
-        {"convert {in} -compress RLE {out}", 'c', false, true},
-        {"convert {in} -orient TopLeft -compress None {out}", 'c', false, false},
         {"convert {in} -orient TopLeft -compress RLE {out}", 'c', false, false},
         {"convert {in} -compress RLE {out}", 'c', true, true},
         {"convert {in} -orient TopLeft -compress None {out}", 'c', true, false},
@@ -101,11 +99,8 @@ TEST(TargaInterop, FilesOfOtherProgramsReadAsTheyReadThem) {
         {"convert {in} -type Grayscale -compress None {out}", 'g', false, true},
         {"convert {in} -type Grayscale -orient TopLeft -compress RLE {out}", 'g', false, false},
         {"ppmtotga -rgb {in} > {out}", 'c', false, false},
-        {"ppmtotga -rgb -norle {in} > {out}", 'c', false, false},
-        {"ppmtotga -cmap {in} > {out}", 'f', false, false},
         {"ppmtotga -cmap -norle {in} > {out}", 'f', false, false},
         {"ppmtotga -mono {in} > {out}", 'g', false, false},
-        {"ppmtotga -mono -norle {in} > {out}", 'g', false, false},
     };
     iltest::TempDir dir;
     const std::string in = dir.file("s.pnm"), out = dir.file("t.tga");

@@ -1,7 +1,7 @@
 // Error diffusion onto a palette: hand-worked rows of a black-and-white
-// palette, the colour cache and candidate lists, the state's life cycle,
-// allocation failures, threads, and a share-by-share model of the ditherer
-// run against the library on random images.
+// palette, the nearest search, the state's life cycle, allocation failures,
+// threads, and a share-by-share model of the ditherer run against the
+// library on random images.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,16 +20,15 @@
 
 namespace {
 
+using Bytes = std::vector<uint8_t>;
+
 struct Palette {
-    std::vector<uint8_t> r, g, b;
-    Palette() = default;
-    Palette(std::initializer_list<std::array<int, 3>> colours) {
+    Bytes r, g, b;
+    Palette(std::initializer_list<std::array<int, 3>> colours = {}) {
         for (const auto& c : colours) add(c[0], c[1], c[2]);
     }
     void add(int red, int green, int blue) {
-        r.push_back(uint8_t(red));
-        g.push_back(uint8_t(green));
-        b.push_back(uint8_t(blue));
+        r.push_back(uint8_t(red)), g.push_back(uint8_t(green)), b.push_back(uint8_t(blue));
     }
     int count() const { return int(r.size()); }
     // Starts a dither job on this palette.
@@ -40,18 +39,9 @@ struct Palette {
 
 const Palette kBlackWhite{{0, 0, 0}, {255, 255, 255}};
 
-Palette greyRamp() {
-    Palette p;
-    for (int i = 0; i < 256; ++i) p.add(i, i, i);
-    return p;
-}
-
-using Bytes = std::vector<uint8_t>;
-
 // Dithers one row of grey pixels (r = g = b = the given value).
 Bytes greyRow(const std::vector<int>& grey) {
-    Bytes v(grey.begin(), grey.end());
-    Bytes out(v.size(), 0xEE);
+    Bytes v(grey.begin(), grey.end()), out(grey.size(), 0xEE);
     korImage_ditherRow(out.data(), v.data(), v.data(), v.data(), int(v.size()));
     return out;
 }
@@ -68,48 +58,27 @@ TEST(Dither, BlackAndWhiteRowsFollowTheErrorShares) {
     // right share 46), 128 + 5 + 46 = 179 (white, right share -35), and
     // 128 - 29 - 35 = 64 (black).
     EXPECT_EQ((Bytes{0, 1, 0}), greyRow({128, 128, 128}));
-}
 
-TEST(Dither, BelowShareReplacesTheLeftNeighboursBelowRightShare) {
-    il::DitherJob job;
+    // The below share replaces the left neighbour's below-right share: 40
+    // (black, error 40: 7, 12, 2, 19) then 59 (black, error 59: 11, 18, 3,
+    // 27). Next row: 0 + 12 + 11 = 23 (black, right share 11), then 98 + 18
+    // + 11 = 127, black; had the 2 been kept, 129 white.
     ASSERT_EQ(0, kBlackWhite.start(2));
-    // 40 (black, error 40: 7, 12, 2, 19) then 59 (black, error 59: 11, 18,
-    // 3, 27). Below the second pixel stands 18: its left neighbour's
-    // below-right 2 is lost. Next row: 0 + 12 + 11 = 23 (black, right share
-    // 11), then 98 + 18 + 11 = 127, black; had the 2 been kept, 129 white.
     EXPECT_EQ((Bytes{0, 0}), greyRow({40, 40}));
     EXPECT_EQ((Bytes{0, 0}), greyRow({0, 98}));
-
-    // The last pixel's below-right share does reach the next row: after a
-    // one-pixel row of 40 the next row reads 0 + 12 = 12 (black, right
-    // share 7), then 119 + 2 + 7 = 128, white.
-    ASSERT_EQ(0, kBlackWhite.start(2));
-    EXPECT_EQ((Bytes{0}), greyRow({40}));
-    EXPECT_EQ((Bytes{0, 1}), greyRow({0, 119}));
 }
 
-TEST(Dither, ColourCacheAndNearestSearch) {
+TEST(Dither, NearestSearch) {
     il::DitherJob job;
-    const Palette p{{0, 0, 0}, {6, 6, 6}};
-    ASSERT_EQ(0, p.start(4));
-    // (6, 6, 6) shares the cache cell of (0, 0, 0) and takes its index.
-    EXPECT_EQ((Bytes{0, 0}), greyRow({0, 6}));
-    // A new initialisation empties the cache.
-    ASSERT_EQ(0, p.start(4));
-    EXPECT_EQ((Bytes{1}), greyRow({6}));
-
     // Equal distances go to the lower index, whichever colour it holds.
-    const Palette dark{{0, 0, 0}, {20, 20, 20}}, light{{20, 20, 20}, {0, 0, 0}};
-    ASSERT_EQ(0, dark.start(1));
-    EXPECT_EQ((Bytes{0}), greyRow({10}));
-    ASSERT_EQ(0, light.start(1));
-    EXPECT_EQ((Bytes{0}), greyRow({10}));
-
+    for (const Palette& p : {Palette{{0, 0, 0}, {20, 20, 20}}, Palette{{20, 20, 20}, {0, 0, 0}}}) {
+        ASSERT_EQ(0, p.start(1));
+        EXPECT_EQ((Bytes{0}), greyRow({10}));
+    }
     // Saturated white is searched as 254: the exact 254 wins over 255.
     const Palette w{{255, 255, 255}, {254, 254, 254}};
     ASSERT_EQ(0, w.start(1));
     EXPECT_EQ((Bytes{1}), greyRow({255}));
-
     // White's grid cell holds neither entry of this palette, although red is
     // nearer than black: index 0.
     const Palette sparse{{0, 0, 0}, {255, 0, 0}};
@@ -117,19 +86,8 @@ TEST(Dither, ColourCacheAndNearestSearch) {
     EXPECT_EQ((Bytes{0}), greyRow({255}));
 }
 
-TEST(Dither, GammaCorrectsTheInput) {
-    il::DitherJob job;
-    const Palette ramp = greyRamp();
-    ASSERT_EQ(0, ramp.start(1, 2.0));
-    // trunc(sqrt(128 / 255) x 255 + 0.499999) = 181, found exactly.
-    EXPECT_EQ((Bytes{181}), greyRow({128}));
-    ASSERT_EQ(0, ramp.start(1, 1.0));
-    EXPECT_EQ((Bytes{128}), greyRow({128}));
-}
-
 TEST(Dither, RowCallsOutsideAJobOrPastTheWidthDoNothing) {
-    uint8_t grey[4] = {128, 128, 128, 128};
-    uint8_t out[4] = {7, 7, 7, 7};
+    uint8_t grey[4] = {128, 128, 128, 128}, out[4] = {7, 7, 7, 7};
     korImage_ditherCleanup();
     EXPECT_FALSE(il::ditherActive());
     EXPECT_EQ(-1, korImage_ditherRow(out, grey, grey, grey, 1));
@@ -186,7 +144,8 @@ TEST(Dither, AllocationFailures) {
     {
         // Without the gamma table the job runs uncorrected.
         RefuseTag refuse(il::tag("DiGa"));
-        const Palette ramp = greyRamp();
+        Palette ramp;
+        for (int i = 0; i < 256; ++i) ramp.add(i, i, i);
         ASSERT_EQ(0, ramp.start(1, 2.0));
         EXPECT_EQ((Bytes{128}), greyRow({128}));
     }
@@ -196,35 +155,28 @@ TEST(Dither, AllocationFailures) {
 // over two full rows, the current row updated in place.
 class ModelDitherer {
 public:
-    ModelDitherer(const Palette& p, int width, double gamma) : p_(p) {
-        cur_.assign(size_t(width + 2) * 3, 0);
-        next_ = cur_;
-        cache_.assign(32768, -1);
-        lists_.resize(64);
-        built_.assign(64, false);
+    ModelDitherer(const Palette& p, int width, double gamma)
+        : p_(p), cur_(size_t(width + 2) * 3, 0), next_(cur_), cache_(32768, -1), lists_(64), built_(64, false) {
         for (int i = 0; i < 256; ++i) gamma_[size_t(i)] = uint8_t(i);
         if (!il::gammaIsIdentity(gamma)) il::buildGammaTable(gamma_.data(), gamma);
     }
 
     void row(uint8_t* out, const uint8_t* r, const uint8_t* g, const uint8_t* b, int n) {
         std::fill(next_.begin(), next_.end(), 0);
-        for (int x = 0; x < n; ++x) {
+        for (size_t x = 0; x < size_t(n); ++x) {
             int v[3] = {gamma_[r[x]], gamma_[g[x]], gamma_[b[x]]};
-            for (int c = 0; c < 3; ++c) {
-                v[c] += cur_[size_t(3 * (x + 1) + c)];
-                v[c] = v[c] < 0 ? 0 : v[c] >= 255 ? 254 : v[c];
-            }
+            for (size_t c = 0; c < 3; ++c) v[c] = std::clamp(v[c] + cur_[3 * (x + 1) + c], 0, 254);
             int& cached = cache_[size_t(((v[0] >> 3) * 32 + (v[1] >> 3)) * 32 + (v[2] >> 3))];
             if (cached < 0) cached = nearest(v);
             out[x] = uint8_t(cached);
             const int pal[3] = {p_.r[size_t(cached)], p_.g[size_t(cached)], p_.b[size_t(cached)]};
-            for (int c = 0; c < 3; ++c) {
+            for (size_t c = 0; c < 3; ++c) {
                 const int e = std::clamp(v[c] - pal[c], -127, 127);
                 const int a = 3 * e / 16, rest1 = e - a, bs = 5 * rest1 / 13, rest2 = rest1 - bs, k = rest2 / 8;
-                next_[size_t(3 * x + c)] += int16_t(a);
-                next_[size_t(3 * (x + 1) + c)] = int16_t(bs);
-                next_[size_t(3 * (x + 2) + c)] += int16_t(k);
-                cur_[size_t(3 * (x + 2) + c)] += int16_t(rest2 - k);
+                next_[3 * x + c] += int16_t(a);
+                next_[3 * (x + 1) + c] = int16_t(bs);
+                next_[3 * (x + 2) + c] += int16_t(k);
+                cur_[3 * (x + 2) + c] += int16_t(rest2 - k);
             }
         }
         std::swap(cur_, next_);
@@ -232,24 +184,19 @@ public:
 
 private:
     int nearest(const int* v) {
-        const int cell = (v[0] >> 6) * 16 + (v[1] >> 6) * 4 + (v[2] >> 6);
-        if (!built_[size_t(cell)]) {
+        const size_t cell = size_t((v[0] >> 6) * 16 + (v[1] >> 6) * 4 + (v[2] >> 6));
+        auto near = [&](const Bytes& ch, int i, int c) { return std::abs((ch[size_t(i)] >> 6) - (v[c] >> 6)) <= 1; };
+        if (!built_[cell]) {
             for (int i = 0; i < p_.count(); ++i)
-                if (std::abs((p_.r[size_t(i)] >> 6) - (v[0] >> 6)) <= 1 &&
-                    std::abs((p_.g[size_t(i)] >> 6) - (v[1] >> 6)) <= 1 &&
-                    std::abs((p_.b[size_t(i)] >> 6) - (v[2] >> 6)) <= 1)
-                    lists_[size_t(cell)].push_back(i);
-            built_[size_t(cell)] = true;
+                if (near(p_.r, i, 0) && near(p_.g, i, 1) && near(p_.b, i, 2)) lists_[cell].push_back(i);
+            built_[cell] = true;
         }
         int best = 0, bestD = 1 << 30;
-        for (int i : lists_[size_t(cell)]) {
+        for (int i : lists_[cell]) {
             const int dr = p_.r[size_t(i)] - v[0], dg = p_.g[size_t(i)] - v[1], db = p_.b[size_t(i)] - v[2];
             const int d = dr * dr + dg * dg + db * db;
-            if (d < bestD) {
-                best = i;
-                bestD = d;
-                if (d == 0) break;
-            }
+            if (d < bestD) best = i, bestD = d;
+            if (d == 0) break;
         }
         return best;
     }
@@ -276,7 +223,6 @@ TEST(Dither, MatchesTheShareByShareModel) {
             p.add(base + int(rng() % spread), base + int(rng() % spread), base + int(rng() % spread));
         const int width = 1 + int(rng() % 90);
         const double gamma = trial % 5 == 1 ? 0.45 + (rng() % 300) / 100.0 : 1.0;
-        const bool interleaved = trial % 2 == 1;
 
         il::DitherJob job;
         ASSERT_EQ(0, p.start(width, gamma));
@@ -293,7 +239,7 @@ TEST(Dither, MatchesTheShareByShareModel) {
                 }
             std::fill(got.begin(), got.end(), 0);
             std::fill(want.begin(), want.end(), 0);
-            if (interleaved)
+            if (trial % 2 == 1)
                 korImage_ditherRowWithOffset(got.data(), pixels.data(), pixels.data() + 1, pixels.data() + 2, n, 3);
             else
                 korImage_ditherRow(got.data(), planes.data(), planes.data() + w, planes.data() + 2 * w, n);
@@ -307,16 +253,16 @@ TEST(Dither, EachThreadHasItsOwnJob) {
     std::mt19937 rng(11);
     Palette p;
     for (int i = 0; i < 64; ++i) p.add(int(rng() & 255), int(rng() & 255), int(rng() & 255));
-    const int w = 64, h = 64;
-    Bytes rgb(3 * size_t(w) * h);
+    const size_t w = 64;
+    Bytes rgb(3 * w * w);
     for (auto& v : rgb) v = uint8_t(rng());
     auto job = [&](Bytes& out) {
-        out.assign(size_t(w) * h, 0);
+        out.assign(w * w, 0);
         il::DitherJob cleanup;
-        p.start(w);
-        for (int y = 0; y < h; ++y) {
-            const uint8_t* row = rgb.data() + 3 * size_t(w) * y;
-            korImage_ditherRow(out.data() + size_t(w) * y, row, row + w, row + 2 * w, w);
+        p.start(int(w));
+        for (size_t y = 0; y < w; ++y) {
+            const uint8_t* row = rgb.data() + 3 * w * y;
+            korImage_ditherRow(out.data() + w * y, row, row + w, row + 2 * w, int(w));
             std::this_thread::yield();
         }
     };

@@ -22,12 +22,6 @@ TEST(Mirror, EveryLayoutBothModesMatchTheGridAndUndoThemselves) {
 }
 
 TEST(Mirror, TopToBottom) {
-    // Odd height: the middle row stays where it is.
-    Image map;
-    fill(map, IMAGEFORMAT_MAP, Grid{2, 3, 1, {1, 2, 3, 4, 5, 6}});
-    ASSERT_EQ(korImage_mirror(map.data, &map.size, IMAGEFORMAT_MAP, 0, nullptr), 0);
-    EXPECT_EQ(grid(map).px, (std::vector<uint8_t>{5, 6, 3, 4, 1, 2}));
-
     // On row tables only the row pointers change places, without polling.
     Image pb;
     fill(pb, IMAGEFORMAT_PACKBYTE, randomGrid(IMAGEFORMAT_PACKBYTE, 4, 3, 2));
@@ -48,14 +42,6 @@ TEST(Mirror, TopToBottom) {
 }
 
 TEST(Mirror, LeftToRight) {
-    // Row-planar RGB: each colour stays in its own plane.
-    const uint8_t rgb[] = {1, 2, 3, 10, 20, 30, 100, 200, 250};
-    const ImageSize one{3, 1};
-    uint8_t* img = copyOut<uint8_t>(rgb, sizeof rgb);
-    ASSERT_EQ(korImage_mirror(img, &one, IMAGEFORMAT_RGB, 1, nullptr), 0);
-    EXPECT_EQ(std::vector<uint8_t>(img, img + 9), (std::vector<uint8_t>{3, 2, 1, 30, 20, 10, 250, 200, 100}));
-    dlmSystem_korFree(img);
-
     // A bitmap row of 10 pixels with pixels 0, 1, 9 and the padding set: the
     // reversed row has pixels 0, 8, 9 and clear padding.
     uint8_t bits[] = {0xC0, 0x7F};

@@ -12,6 +12,7 @@
 #include "imagelib/host.h"
 #include "imagelib/pixels.h"
 #include "pixels/rows.h"
+#include "rotate_images.h"
 
 namespace {
 
@@ -95,34 +96,15 @@ TEST(Polygon, RowRangeAndVerticesOnScanLines) {
               fromPredicate(6, 4, [](int x, int) { return x >= 1 && x <= 4; }));
 }
 
-// A polygon painted into one layout from the one-byte-a-pixel image `start`,
-// expanded back to one byte a pixel.
+// A polygon painted into one layout from the one-byte-a-pixel image img,
+// read back one byte a pixel.
 Bytes paintLayout(int format, ImageSize s, const Points& pts, int outside, int value, Bytes img, int* filled) {
-    const int w = s.x, h = s.y, n = int(pts.size() / 2), rb = (w + 7) / 8;
-    Bytes bits(size_t(rb) * h);
-    uint16_t** runs = nullptr;
-    uint8_t** packed = nullptr;
-    void* image = img.data();
-    if (format == IMAGEFORMAT_BITMAP || format == IMAGEFORMAT_RLEBITMAP) {
-        for (int y = 0; y < h; ++y) korImage_packBuffer(bits.data() + y * rb, img.data() + y * w, 1, w);
-        image = bits.data();
-        if (format == IMAGEFORMAT_RLEBITMAP) {
-            korImage_runLengthEncodeBitMap(&runs, bits.data(), &s);
-            image = runs;
-        }
-    } else if (format == IMAGEFORMAT_PACKBYTE) {
-        il::packByteEncodeImage(&packed, img.data(), &s);
-        image = packed;
-    }
-    EXPECT_EQ(korImage_setMapPolygon(image, filled, &s, format, pts.data(), n, outside, value, nullptr), 0);
-    for (int y = 0; y < h; ++y) {
-        if (runs) korImage_runLengthDecodeBitMapRow(bits.data() + y * rb, runs[y], w);
-        if (image != img.data() && !packed) korImage_unpackBuffer(img.data() + y * w, bits.data() + y * rb, 1, w);
-        if (packed) korImage_unpackByteBuffer(img.data() + y * w, packed[y], w);
-    }
-    korImage_freeImage(runs, &s, IMAGEFORMAT_RLEBITMAP);
-    korImage_freeImage(packed, &s, IMAGEFORMAT_PACKBYTE);
-    return img;
+    geotest::Image image;
+    geotest::fill(image, format, geotest::Grid{s.x, s.y, 1, std::move(img)});
+    EXPECT_EQ(korImage_setMapPolygon(image.data, filled, &s, format, pts.data(), int(pts.size() / 2), outside, value,
+                                     nullptr),
+              0);
+    return geotest::grid(image).px;
 }
 
 TEST(Polygon, EveryLayoutPaintsTheSamePixels) {

@@ -12,6 +12,7 @@
 #include "imagelib/geo.h"
 #include "imagelib/host.h"
 #include "imagelib/pixels.h"
+#include "pixels/rows.h"
 
 namespace geotest {
 
@@ -87,18 +88,9 @@ inline void fill(Image& img, int format, Grid g) {
         all.insert(all.end(), r.begin(), r.end());
     }
     if (format == IMAGEFORMAT_RLEBITMAP) {
-        uint16_t** rows = nullptr;
-        korImage_runLengthEncodeBitMap(&rows, all.data(), &img.size);
-        img.data = rows;
+        korImage_runLengthEncodeBitMap(reinterpret_cast<uint16_t***>(&img.data), all.data(), &img.size);
     } else if (format == IMAGEFORMAT_PACKBYTE) {
-        auto** rows = static_cast<uint8_t**>(dlmSystem_korCalloc(size_t(g.h), sizeof(uint8_t*)));
-        std::vector<uint8_t> enc(2 * size_t(g.w) + 2);
-        for (int32_t y = 0; y < g.h; ++y) {
-            int len = 0;
-            korImage_packByteBuffer(enc.data(), &len, g.at(0, y), g.w);
-            rows[y] = copyOut<uint8_t>(enc.data(), size_t(len));
-        }
-        img.data = rows;
+        il::packByteEncodeImage(reinterpret_cast<uint8_t***>(&img.data), all.data(), &img.size);
     } else {
         img.data = copyOut<void>(all.data(), all.size());
     }

@@ -12,6 +12,7 @@
 #include "imagelib/host.h"
 #include "imagelib/pixels.h"
 #include "pixels/rows.h"
+#include "rotate_images.h"
 
 namespace {
 
@@ -116,24 +117,11 @@ Bytes randomRuns(std::mt19937& rng, size_t n, int levels) {
     return b;
 }
 
-// Bitmap rows from a 0/1 byte map, and back.
-Bytes packBits(const Bytes& map, ImageSize s) {
-    size_t rb = (size_t(s.x) + 7) / 8;
-    Bytes bits(rb * s.y);
-    for (int y = 0; y < s.y; ++y) korImage_packBuffer(bits.data() + y * rb, map.data() + size_t(y) * s.x, 1, s.x);
-    return bits;
-}
-Bytes unpackBits(const uint8_t* bits, ImageSize s) {
-    size_t rb = (size_t(s.x) + 7) / 8;
-    Bytes map(size_t(s.x) * s.y);
-    for (int y = 0; y < s.y; ++y) korImage_unpackBuffer(map.data() + size_t(y) * s.x, bits + y * rb, 1, s.x);
-    return map;
-}
-
 // Random sizes and rectangles (fractional, reversed, partly outside, or the
 // whole source); each member's result, expanded, equals the byte-map
 // member's result on the expanded source.
 TEST(SubImage, EveryMemberAgreesWithTheByteMapMember) {
+    using geotest::Grid;
     std::mt19937 rng(3);
     std::uniform_real_distribution<double> coord(-6.0, 50.0);
     for (int trial = 0; trial < 400; ++trial) {
@@ -143,56 +131,56 @@ TEST(SubImage, EveryMemberAgreesWithTheByteMapMember) {
         const double* rect = trial % 7 == 0 ? nullptr : r;
         const size_t sn = size_t(ss.x) * ss.y, dn = size_t(ds.x) * ds.y, rb = (size_t(ds.x) + 7) / 8;
         SCOPED_TRACE(testing::Message() << "trial " << trial);
+        // The map in a layout; an empty row table of the destination's size.
+        auto layout = [&](geotest::Image& img, int format, const Bytes& map) {
+            geotest::fill(img, format, Grid{ss.x, ss.y, 1, map});
+        };
+        auto rowTable = [&](geotest::Image& img, int format) {
+            img.data = dlmSystem_korCalloc(size_t(ds.y), sizeof(void*)), img.size = ds, img.format = format;
+        };
 
-        Bytes map = randomRuns(rng, sn, 2), expected = extractMap(map, ss, ds, rect);
-        Bytes bits = packBits(map, ss), outBits(rb * ds.y, 0xA5), out(dn, 0xEE);
-        ASSERT_EQ(korImage_extractSubImage(outBits.data(), &ds, bits.data(), &ss, rect, IMAGEFORMAT_BITMAP), 0);
-        EXPECT_EQ(unpackBits(outBits.data(), ds), expected);
+        geotest::Image bits, runs, packed, outRuns, outRows;
+        Bytes map = randomRuns(rng, sn, 2), expected = extractMap(map, ss, ds, rect), outBits(rb * ds.y, 0xA5),
+              out(dn, 0xEE);
+        layout(bits, IMAGEFORMAT_BITMAP, map);
+        layout(runs, IMAGEFORMAT_RLEBITMAP, map);
+        ASSERT_EQ(korImage_extractSubImage(outBits.data(), &ds, bits.data, &ss, rect, IMAGEFORMAT_BITMAP), 0);
+        EXPECT_EQ(geotest::grid(outBits.data(), ds, IMAGEFORMAT_BITMAP).px, expected);
         EXPECT_EQ(outBits[rb - 1] & (0xFF >> ((ds.x - 1) % 8 + 1)), 0);  // padding bits cleared
-        ASSERT_EQ(korImage_subByteMapFromBitMap(out.data(), &ds, bits.data(), &ss, rect), 0);
+        ASSERT_EQ(korImage_subByteMapFromBitMap(out.data(), &ds, static_cast<uint8_t*>(bits.data), &ss, rect), 0);
         EXPECT_EQ(out, expected);
-
-        uint16_t** runs = nullptr;
-        ASSERT_EQ(korImage_runLengthEncodeBitMap(&runs, bits.data(), &ss), 0);
-        std::fill(out.begin(), out.end(), 0xEE);
-        ASSERT_EQ(korImage_subByteMapFromRLEBitMap(out.data(), &ds, runs, &ss, rect), 0);
+        out.assign(dn, 0xEE);
+        ASSERT_EQ(korImage_subByteMapFromRLEBitMap(out.data(), &ds, static_cast<uint16_t**>(runs.data), &ss, rect), 0);
         EXPECT_EQ(out, expected);
-        std::vector<uint16_t*> outRuns(size_t(ds.y));
-        ASSERT_EQ(korImage_extractSubImage(outRuns.data(), &ds, runs, &ss, rect, IMAGEFORMAT_RLEBITMAP), 0);
-        std::fill(outBits.begin(), outBits.end(), 0xA5);
-        for (int y = 0; y < ds.y; ++y) korImage_runLengthDecodeBitMapRow(outBits.data() + y * rb, outRuns[y], ds.x);
-        EXPECT_EQ(unpackBits(outBits.data(), ds), expected);
-        korImage_freeImage(runs, &ss, IMAGEFORMAT_RLEBITMAP);
-        for (uint16_t* p : outRuns) dlmSystem_korFree(p);
+        rowTable(outRuns, IMAGEFORMAT_RLEBITMAP);
+        ASSERT_EQ(korImage_extractSubImage(outRuns.data, &ds, runs.data, &ss, rect, IMAGEFORMAT_RLEBITMAP), 0);
+        EXPECT_EQ(geotest::grid(outRuns).px, expected);
 
         map = randomRuns(rng, sn, 4 + int(rng() % 250));
         expected = extractMap(map, ss, ds, rect);
-        uint8_t** packed = nullptr;
-        ASSERT_EQ(il::packByteEncodeImage(&packed, map.data(), &ss), 0);
-        std::fill(out.begin(), out.end(), 0xEE);
-        ASSERT_EQ(korImage_subByteMapFromPackByte(out.data(), &ds, packed, &ss, rect), 0);
+        layout(packed, IMAGEFORMAT_PACKBYTE, map);
+        out.assign(dn, 0xEE);
+        ASSERT_EQ(korImage_subByteMapFromPackByte(out.data(), &ds, static_cast<uint8_t**>(packed.data), &ss, rect), 0);
         EXPECT_EQ(out, expected);
-        std::vector<uint8_t*> outRows(size_t(ds.y));
-        ASSERT_EQ(korImage_extractSubImage(outRows.data(), &ds, packed, &ss, rect, IMAGEFORMAT_PACKBYTE), 0);
-        for (int y = 0; y < ds.y; ++y) korImage_unpackByteBuffer(out.data() + y * ds.x, outRows[y], ds.x);
-        EXPECT_EQ(out, expected);
-        korImage_freeImage(packed, &ss, IMAGEFORMAT_PACKBYTE);
-        for (uint8_t* p : outRows) dlmSystem_korFree(p);
+        rowTable(outRows, IMAGEFORMAT_PACKBYTE);
+        ASSERT_EQ(korImage_extractSubImage(outRows.data, &ds, packed.data, &ss, rect, IMAGEFORMAT_PACKBYTE), 0);
+        EXPECT_EQ(geotest::grid(outRows).px, expected);
 
         // Row-planar RGB and interleaved RGBA: every plane or channel steps like a byte map.
-        Bytes rgb(sn * 3), rgba(sn * 4), outRGB(dn * 3), outRGBA(dn * 4), wantRGB(dn * 3), wantRGBA(dn * 4);
-        for (size_t k = 0; k < 4; ++k) {
-            Bytes plane = randomRuns(rng, sn, 256), stepped = extractMap(plane, ss, ds, rect);
-            for (size_t i = 0; i < sn; ++i) rgba[i * 4 + k] = plane[i];
-            for (size_t i = 0; i < dn; ++i) wantRGBA[i * 4 + k] = stepped[i];
-            if (k == 3) break;
-            for (size_t i = 0; i < sn; ++i) rgb[(i / ss.x * 3 + k) * ss.x + i % ss.x] = plane[i];
-            for (size_t i = 0; i < dn; ++i) wantRGB[(i / ds.x * 3 + k) * ds.x + i % ds.x] = stepped[i];
+        for (int format : {IMAGEFORMAT_RGB, IMAGEFORMAT_RGBA}) {
+            const size_t bpp = size_t(geotest::gridBytes(format));
+            Grid src{ss.x, ss.y, int(bpp), Bytes(sn * bpp)}, want{ds.x, ds.y, int(bpp), Bytes(dn * bpp)};
+            for (size_t k = 0; k < bpp; ++k) {
+                Bytes plane = randomRuns(rng, sn, 256), stepped = extractMap(plane, ss, ds, rect);
+                for (size_t i = 0; i < sn; ++i) src.px[i * bpp + k] = plane[i];
+                for (size_t i = 0; i < dn; ++i) want.px[i * bpp + k] = stepped[i];
+            }
+            geotest::Image img;
+            geotest::fill(img, format, src);
+            Bytes dst(dn * bpp);
+            ASSERT_EQ(korImage_extractSubImage(dst.data(), &ds, img.data, &ss, rect, format), 0);
+            EXPECT_EQ(geotest::grid(dst.data(), ds, format), want) << format;
         }
-        ASSERT_EQ(korImage_extractSubImage(outRGB.data(), &ds, rgb.data(), &ss, rect, IMAGEFORMAT_RGB), 0);
-        ASSERT_EQ(korImage_extractSubImage(outRGBA.data(), &ds, rgba.data(), &ss, rect, IMAGEFORMAT_RGBA), 0);
-        EXPECT_EQ(outRGB, wantRGB);
-        EXPECT_EQ(outRGBA, wantRGBA);
     }
 }
 

@@ -35,13 +35,14 @@ inline Planar pattern(int x, int y, int planes) {
 }
 
 // Writes img through the streaming writer, feeding the last row first when
-// the file stores rows bottom-up. The first failing status, or the close's.
+// the file stores rows bottom-up (unless inStoredOrder). The first failing
+// status, or the close's.
 inline int writeStream(const std::string& path, const Planar& img, const ImageSize* fileSize, int type,
-                       int colourMode) {
+                       int colourMode, bool inStoredOrder = false) {
     int status = 0;
     ImageFileContext* c = korImage_createFile(&status, path.c_str(), fileSize, &img.size, type, colourMode);
     if (!c) return status;
-    const bool bottomUp = il::stream::orientationBits(c) == il::stream::kRowsBottomUp;
+    const bool bottomUp = !inStoredOrder && il::stream::orientationBits(c) == il::stream::kRowsBottomUp;
     for (int r = 0; r < img.size.y && status == 0; ++r) {
         const int row = bottomUp ? img.size.y - 1 - r : r;
         status = korImage_putRow(c, img.plane(row, 0), img.plane(row, 1), img.plane(row, 2),

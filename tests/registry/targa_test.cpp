@@ -116,9 +116,10 @@ TEST(TargaInfo, ColourModeOrientationAndFailures) {
     ImageFileContext ctx{};
     EXPECT_EQ(imageTga_open(&ctx, dir.file("missing").c_str()), 1);
     EXPECT_EQ(imageTga_open(&ctx, path.c_str()), 3);
+    // Width 0; 8-bit true colour; mapped without a map; no image data.
     const std::pair<Bytes, int> refused[] = {{tga(2, 0, 5, 24, 0), IMGERR_BADFILE},
                                              {tga(2, 5, 5, 8, 0), IMGERR_BADFORMAT},
-                                             {tga(1, 5, 5, 8, 0), IMGERR_BADFILE},  // mapped without a map
+                                             {tga(1, 5, 5, 8, 0), IMGERR_BADFILE},
                                              {tga(0, 5, 5, 8, 0), IMGERR_BADFORMAT}};
     for (const auto& [file, code] : refused) {
         ASSERT_TRUE(iltest::writeFile(path, file));
@@ -171,7 +172,8 @@ TEST(TargaWrite, HeaderPacketsAndRoundTrips) {
     EXPECT_EQ(lit[0] * 1000 + lit[1 + 127 * 3], 126002);
 }
 
-// Opens and reads every row; the first nonzero status.
+// Opens and reads every row (one row buffer: the header's size is not to
+// be trusted); the first nonzero status.
 int readEverything(const std::string& path) {
     int status = 0;
     ImageFileContext* c = korImage_openFile(&status, nullptr, path.c_str());
