@@ -24,6 +24,11 @@ cmake --build build/asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build/asan --output-on-failure -j"$jobs" -L unit
 
+echo "== pixel tests on the portable (SSE2-only) kernels"
+cmake -S . -B build/portable -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS=-DIMAGELIB_RLE_DISPATCH=0 >/dev/null
+cmake --build build/portable -j"$jobs" --target test_pixels
+build/portable/tests/test_pixels --gtest_brief=1
+
 if command -v clang++ >/dev/null 2>&1; then
   echo "== fuzz smoke runs"
   scripts/fuzz_smoke.sh build/fuzz 5

@@ -26,16 +26,24 @@ Bytes byteRows(int kind) {
     return d;
 }
 
-// Bitmap rows with runs of mean length meanRun pixels.
-Bytes bitRows(unsigned meanRun) {
+// kRows bitmap rows of rowBytes bytes with runs of mean length meanRun
+// pixels; meanRun 0 makes scanned-page rows: white stretches of 500 to
+// 5000 pixels between blocks of text (runs of 1 to 24 pixels).
+Bytes bitRows(unsigned meanRun, size_t rowBytes = kRowBytes) {
     std::mt19937 rng(7);
-    Bytes d(size_t(kRowBytes) * kRows, 0);
-    size_t width = size_t(kRowBytes) * 8;
+    Bytes d(rowBytes * kRows, 0);
+    size_t width = rowBytes * 8;
     for (int r = 0; r < kRows; ++r) {
-        uint8_t* row = d.data() + size_t(r) * kRowBytes;
+        uint8_t* row = d.data() + size_t(r) * rowBytes;
         bool colour = false;
+        size_t blockEnd = 0;  // end of the current text block (page rows)
         for (size_t x = 0; x < width;) {
-            size_t end = std::min(width, x + 1 + rng() % (2 * meanRun));
+            size_t len = 1 + rng() % (2 * (meanRun ? meanRun : 12));
+            if (!meanRun && x >= blockEnd) {
+                if (!colour) len = 500 + rng() % 4500;
+                blockEnd = x + len + 200 + rng() % 3000;
+            }
+            size_t end = std::min(width, x + len);
             if (colour)
                 for (; x < end; ++x) row[x >> 3] |= uint8_t(0x80 >> (x & 7));
             x = end;
@@ -79,39 +87,51 @@ void PackByteDecode(benchmark::State& state) {
 }
 BENCHMARK(PackByteDecode)->Arg(0)->Arg(1)->Arg(2)->ArgName("kind");
 
+// Run-length rows: arguments mean run (0: scanned page) and row bytes.
 void RunLengthEncode(benchmark::State& state) {
-    Bytes src = bitRows(unsigned(state.range(0)));
-    std::vector<uint16_t> runs(size_t(kRowBytes) * 8 + 1);
+    size_t rowBytes = size_t(state.range(1));
+    int width = int(rowBytes * 8);
+    Bytes src = bitRows(unsigned(state.range(0)), rowBytes);
+    std::vector<uint16_t> runs(size_t(width) + 1);
     for (auto _ : state) {
         for (int r = 0; r < kRows; ++r) {
             int len;
-            korImage_runLengthEncodeBitMapRow(runs.data(), &len, src.data() + size_t(r) * kRowBytes, kRowBytes * 8);
+            korImage_runLengthEncodeBitMapRow(runs.data(), &len, src.data() + size_t(r) * rowBytes, width);
             benchmark::DoNotOptimize(len);
         }
     }
-    state.SetBytesProcessed(int64_t(state.iterations()) * kRowBytes * kRows);
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(rowBytes) * kRows);
 }
-BENCHMARK(RunLengthEncode)->Arg(3)->Arg(12)->Arg(200)->ArgName("meanRun");
 
 void RunLengthDecode(benchmark::State& state) {
-    Bytes src = bitRows(unsigned(state.range(0)));
+    size_t rowBytes = size_t(state.range(1));
+    int width = int(rowBytes * 8);
+    Bytes src = bitRows(unsigned(state.range(0)), rowBytes);
     std::vector<std::vector<uint16_t>> runs(kRows);
     for (int r = 0; r < kRows; ++r) {
-        runs[size_t(r)].resize(size_t(kRowBytes) * 8 + 1);
+        runs[size_t(r)].resize(size_t(width) + 1);
         int len;
-        korImage_runLengthEncodeBitMapRow(runs[size_t(r)].data(), &len, src.data() + size_t(r) * kRowBytes,
-                                          kRowBytes * 8);
+        korImage_runLengthEncodeBitMapRow(runs[size_t(r)].data(), &len, src.data() + size_t(r) * rowBytes, width);
     }
-    Bytes dst(kRowBytes);
+    Bytes dst(rowBytes);
     for (auto _ : state) {
         for (int r = 0; r < kRows; ++r) {
-            korImage_runLengthDecodeBitMapRow(dst.data(), runs[size_t(r)].data(), kRowBytes * 8);
+            korImage_runLengthDecodeBitMapRow(dst.data(), runs[size_t(r)].data(), width);
             benchmark::DoNotOptimize(dst.data());
         }
     }
-    state.SetBytesProcessed(int64_t(state.iterations()) * kRowBytes * kRows);
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(rowBytes) * kRows);
 }
-BENCHMARK(RunLengthDecode)->Arg(3)->Arg(12)->Arg(200)->ArgName("meanRun");
+
+// Noise, line art, sparse and scanned-page rows of 4096 bytes, and fax-width
+// rows (1728 pixels) of noise and line art.
+void runLengthArgs(benchmark::internal::Benchmark* b) {
+    b->ArgNames({"meanRun", "rowBytes"});
+    for (int mean : {3, 12, 200, 0}) b->Args({mean, kRowBytes});
+    for (int mean : {3, 12}) b->Args({mean, 216});
+}
+BENCHMARK(RunLengthEncode)->Apply(runLengthArgs);
+BENCHMARK(RunLengthDecode)->Apply(runLengthArgs);
 
 // Rates count the unpacked values (one byte each).
 void PackBits(benchmark::State& state) {

@@ -211,6 +211,38 @@ TEST(RunLength, WideRowsSplitRunsThatDoNotFitSixteenBits) {
     EXPECT_EQ(back, row);
 }
 
+// Long rows whose stretches switch between dense and sparse, wider than the
+// decoder's chunks and than 16-bit runs: the fast paths must hand over cleanly.
+TEST(RunLength, MixedWideRowsMatchTheBitwiseEncoder) {
+    std::mt19937 rng(11);
+    for (size_t width : {2049u, 32771u, 70001u}) {
+        Bytes row((width + 7) / 8, 0);
+        for (size_t x = 0; x < width;) {
+            size_t stretch = 1 + rng() % 5000;
+            unsigned mean = rng() % 2 ? 1 : 700;
+            Bytes part = randomRow(rng, stretch, mean);
+            for (size_t i = 0; i < stretch && x < width; ++i, ++x)
+                if (bitAt(part.data(), i)) row[x >> 3] |= uint8_t(0x80 >> (x & 7));
+        }
+        Runs runs(width + 2, 0xBEEF);  // one guard slot past the W + 1 runs
+        int bytes = 0;
+        korImage_runLengthEncodeBitMapRow(runs.data(), &bytes, row.data(), int(width));
+        ASSERT_EQ(runs[width + 1], 0xBEEF);
+        runs.resize(size_t(bytes) / 2);
+        ASSERT_EQ(runs, referenceRuns(row, width)) << width;
+        Bytes back(row.size(), 0);
+        ASSERT_EQ(il::rleDecodeRowBounded(back.data(), runs.data(), int(runs.size()), int(width)),
+                  int(runs.size()));
+        ASSERT_EQ(back, row) << width;
+    }
+    // Runs that end early in a row whose width is not a multiple of 8: the
+    // pixels they give are kept, the last partial byte included.
+    Bytes dst(2, 0);
+    Runs cut = {9, 2};
+    EXPECT_EQ(il::rleDecodeRowBounded(dst.data(), cut.data(), 2, 13), IMGERR_BADFILE);
+    EXPECT_EQ(dst, (Bytes{0x00, 0x60}));
+}
+
 TEST(RunLength, HostileRunsStayInsideTheRow) {
     // Runs adding up past the width: the last run is clipped, padding bits
     // of the last byte untouched, the byte after never touched.
