@@ -106,6 +106,18 @@ namespace il::stream {
 
 inline int orientationBits(const ImageFileContext* ctx) { return ctx->orientation & 3; }
 
+// What a handler fills when it has opened or created its file: its two
+// codes, its operations (null where it has none) and its own state.
+inline void installHandler(ImageFileContext* ctx, uint16_t handlerCode, uint16_t orientation, ReadRowFn readRow,
+                           WriteRowFn writeRow, CloseFn close, void* state) {
+    ctx->handlerCode = handlerCode;
+    ctx->orientation = orientation;
+    ctx->readRow = readRow;
+    ctx->writeRow = writeRow;
+    ctx->close = close;
+    ctx->state = state;
+}
+
 // The handler table, in the order in which opening tries the readers.
 extern const Handler kHandlers[];
 extern const int kHandlerCount;

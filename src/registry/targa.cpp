@@ -405,12 +405,8 @@ int imageTga_open(ImageFileContext* ctx, const char* path) noexcept {
 
     ctx->fileSize = ImageSize{h.width, h.height};
     ctx->alpha = mode == COLORMODE_RGBA;
-    ctx->handlerCode = kHandlerCode;
-    ctx->orientation = uint16_t(orientationCode(h.descriptor));
-    ctx->readRow = readRow;
-    ctx->writeRow = nullptr;
-    ctx->close = closeFile;
-    ctx->state = st.release();
+    il::stream::installHandler(ctx, kHandlerCode, uint16_t(orientationCode(h.descriptor)), readRow, nullptr,
+                               closeFile, st.release());
     tRun = RunState{};
     return 0;
 }
@@ -441,11 +437,6 @@ int imageTga_create(ImageFileContext* ctx, const char* path, int /*type*/, int c
     if (!st->file.write(header, sizeof header)) return kShortWrite;
 
     ctx->alpha = alpha;
-    ctx->handlerCode = kHandlerCode;
-    ctx->orientation = kWrittenOrientation;
-    ctx->readRow = nullptr;
-    ctx->writeRow = writeRow;
-    ctx->close = closeFile;
-    ctx->state = st.release();
+    il::stream::installHandler(ctx, kHandlerCode, kWrittenOrientation, nullptr, writeRow, closeFile, st.release());
     return 0;
 }

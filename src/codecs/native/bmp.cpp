@@ -735,12 +735,8 @@ int imageBmp_createFile(ImageFileContext* ctx, const char* path, int, int) noexc
     if (!st->file.ok()) return IMGSTAT_STREAM_STOPPED;  // 1: the file cannot be opened
     if (int s = imageBmp_writeHeaders(st->file, &ctx->fileSize, 24, 0, nullptr, nullptr, nullptr)) return s;
     st->dataOffset = uint32_t(st->file.tell());
-    ctx->handlerCode = kFileType;
-    ctx->orientation = kStreamOrientation;
-    ctx->readRow = nullptr;
-    ctx->writeRow = imageBmp_putRow;
-    ctx->close = imageBmp_closeFile;
-    ctx->state = st.release();
+    il::stream::installHandler(ctx, kFileType, kStreamOrientation, nullptr, imageBmp_putRow, imageBmp_closeFile,
+                               st.release());
     return 0;
 }
 

@@ -18,7 +18,7 @@ using bmptest::readMap;
 using bmptest::readRGB;
 
 // A BMP file assembled field by field.
-struct Spec {
+struct FileLayout {
     int width = 1, height = 1, bits = 8, planes = 1;
     uint32_t compression = 0, coloursUsed = 0;
     bool core = false;        // 12-byte header, 3-byte palette entries
@@ -28,7 +28,7 @@ struct Spec {
     Bytes data;
 };
 
-Bytes build(const Spec& s) {
+Bytes build(const FileLayout& s) {
     Bytes f = {'B', 'M'};
     f.resize(14);
     auto put32 = [&](uint32_t v) { f.resize(f.size() + 4), il::put32le(&f[f.size() - 4], v); };
@@ -72,7 +72,7 @@ protected:
 };
 
 TEST_F(BmpTest, HeaderParsingFillsDefaultsAndRepairsOffset) {
-    Spec s;
+    FileLayout s;
     s.width = 9, s.height = 2, s.bits = 4, s.palette = greyPalette(16), s.imageSize = 0, s.dataOffset = 20;
     s.data.assign(8, 0);
     il::File f = il::File::open(put(build(s)).c_str(), "rb");
@@ -87,7 +87,7 @@ TEST_F(BmpTest, HeaderParsingFillsDefaultsAndRepairsOffset) {
 
     // Core header: widened, 3-byte entries; 24 bits gets 2^24 colours and
     // an image size of 4 bytes a pixel.
-    Spec c;
+    FileLayout c;
     c.core = true, c.width = 3, c.height = 2, c.bits = 24, c.data.assign(24, 0), c.dataOffset = 0;
     f = il::File::open(put(build(c)).c_str(), "rb");
     ASSERT_EQ(imageBmp_readHeader(&fh, &ih, &four, f), 0);
@@ -101,7 +101,7 @@ TEST_F(BmpTest, InfoReportsFormatsAndRefusesBadHeaders) {
     const Case cases[] = {{24, 1, 0, 0, 1}, {8, 1, 0, 0, 3}, {4, 1, 2, 0, 2}, {1, 1, 0, 0, 5}, {1, 4, 0, 0, 2},
                           {1, 2, 0, -154, 0}, {16, 1, 0, -154, 0}, {16, 1, 3, -156, 0}, {8, 1, 4, -156, 0}};
     for (const Case& k : cases) {
-        Spec s;
+        FileLayout s;
         s.width = 5, s.height = -3, s.bits = k.bits, s.planes = k.planes, s.compression = k.compression;
         ImageSize size{};
         int format = 0;
@@ -119,19 +119,19 @@ TEST_F(BmpTest, InfoReportsFormatsAndRefusesBadHeaders) {
     const std::pair<int, uint32_t> bad[] = {{0, 'C'},  {1, 'X'},  {14, 108},         {28, 0},
                                             {46, 257}, {18, 0},   {22, 0x40000000}};
     for (auto [at, value] : bad) {
-        Bytes b = build(Spec{});
+        Bytes b = build(FileLayout{});
         if (at < 2 || at == 14 || at == 28) b[at] = uint8_t(value);
         else il::put32le(&b[at], value);
         EXPECT_EQ(info(put(b)), -154) << at;
     }
-    Bytes cut = build(Spec{});
+    Bytes cut = build(FileLayout{});
     cut.resize(30);
     EXPECT_EQ(info(put(cut)), -120);
     EXPECT_EQ(info(dir.file("missing.bmp")), -113);
 }
 
 TEST_F(BmpTest, BitmapArrayChainReadsTheLastImage) {
-    Spec s;
+    FileLayout s;
     s.width = 2, s.bits = 8, s.palette = greyPalette(2), s.coloursUsed = 2, s.data = {1, 0, 0, 0};
     // Two 14-byte links: the first points to the second, which holds the image.
     Bytes f = {'B', 'A', 40, 0, 0, 0, 14, 0, 0, 0, 1, 0, 1, 0, 'B', 'A', 40, 0, 0, 0, 0, 0, 0, 0, 9, 0, 9, 0};
@@ -179,7 +179,7 @@ TEST(BmpRle, RowDecoderRules) {
 
 TEST_F(BmpTest, MapReaderLayouts) {
     // 8 bits, bottom-up, offset inside the palette: read after the palette.
-    Spec s;
+    FileLayout s;
     s.width = 3, s.height = 2, s.bits = 8, s.palette = greyPalette(3), s.coloursUsed = 3, s.dataOffset = 10;
     s.data = {4, 5, 6, 0, 1, 2, 3, 0};
     bmptest::Picture m = readMap(put(build(s)));
@@ -192,12 +192,12 @@ TEST_F(BmpTest, MapReaderLayouts) {
 
     // 1 bit with a (black, white) palette: indices as stored, no inversion.
     // Colours used 0 means 2^bits palette entries.
-    Spec one;
+    FileLayout one;
     one.width = 10, one.bits = 1, one.palette = {0, 0, 0, 255, 255, 255}, one.data = {0xA5, 0x80, 0, 0};
     m = readMap(put(build(one)));
     EXPECT_EQ(m.indices, (Bytes{1, 0, 1, 0, 0, 1, 0, 1, 1, 0}));
     EXPECT_EQ(m.count, 2);
-    Spec four;
+    FileLayout four;
     four.width = 3, four.bits = 4, four.data = {0x12, 0x30, 0, 0};
     EXPECT_EQ(readMap(put(build(four))).status, -120);  // 16 palette entries promised, none there
     four.palette = greyPalette(16);
@@ -206,7 +206,7 @@ TEST_F(BmpTest, MapReaderLayouts) {
     EXPECT_EQ(m.count, 16);
 
     // RLE8: the row buffer is not cleared between rows.
-    Spec rle;
+    FileLayout rle;
     rle.width = 4, rle.height = 2, rle.compression = 1, rle.palette = greyPalette(4), rle.coloursUsed = 4;
     rle.data = {4, 2, 0, 0, 1, 3, 0, 1};
     EXPECT_EQ(readMap(put(build(rle)), true).indices, (Bytes{3, 2, 2, 2, 2, 2, 2, 2}));
@@ -215,7 +215,7 @@ TEST_F(BmpTest, MapReaderLayouts) {
     rle.height = -2;
     EXPECT_EQ(readMap(put(build(rle))).status, -154);  // top-down RLE
 
-    Spec rgb;
+    FileLayout rgb;
     rgb.bits = 24, rgb.data.assign(4, 0);
     EXPECT_EQ(readMap(put(build(rgb))).status, -119);
     s.compression = 3;
@@ -223,7 +223,7 @@ TEST_F(BmpTest, MapReaderLayouts) {
 }
 
 TEST_F(BmpTest, RgbAndBitmapReaders) {
-    Spec s;
+    FileLayout s;
     s.width = 2, s.height = 2, s.bits = 24;
     s.data = {1, 2, 3, 4, 5, 6, 0, 0, 7, 8, 9, 10, 11, 12, 0, 0};  // bottom row first, b g r
     EXPECT_EQ(readRGB(put(build(s))).rgb, (Bytes{9, 12, 8, 11, 7, 10, 3, 6, 2, 5, 1, 4}));
@@ -239,7 +239,7 @@ TEST_F(BmpTest, RgbAndBitmapReaders) {
 
     // Bitmap: dark entries become set bits whichever index they have.
     for (bool whiteFirst : {false, true}) {
-        Spec b;
+        FileLayout b;
         b.width = 9, b.height = 2, b.bits = 1;
         b.palette = whiteFirst ? Bytes{255, 255, 255, 0, 0, 0} : Bytes{0, 0, 0, 255, 255, 255};
         const uint8_t x = whiteFirst ? 0 : 0xFF;
@@ -410,7 +410,7 @@ TEST_F(BmpTest, TruncatedAndCorruptedFilesAreRefusedSafely) {
     }
     imageBmp_writeFromBitMap(dir.file("h.bmp").c_str(), bits.data(), 0, &bsize, nullptr);
     files.push_back(file("h.bmp"));
-    Spec rle;
+    FileLayout rle;
     rle.width = 6, rle.height = 2, rle.bits = 4, rle.compression = 2, rle.palette = greyPalette(16);
     rle.data = {4, 0x12, 0, 3, 0xAB, 0xC0, 0, 0, 6, 0x55, 0, 1};
     files.push_back(build(rle));
@@ -437,7 +437,7 @@ TEST_F(BmpTest, TruncatedAndCorruptedFilesAreRefusedSafely) {
     }
     // Headers promising far more than the file holds are refused before
     // anything is allocated for them.
-    Spec huge;
+    FileLayout huge;
     huge.width = 30000, huge.height = 30000, huge.bits = 8, huge.palette = greyPalette(256);
     EXPECT_FALSE(readAll(put(build(huge))));
     huge.compression = 1, huge.data = {0, 0, 0, 1};
