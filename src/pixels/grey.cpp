@@ -133,15 +133,9 @@ int korImage_packByteToGreyScale(uint8_t* grey, int* darkest, int* lightest, uin
     uint8_t table[256];
     int st = korImage_paletteToGreyScale(table, darkest, lightest, red, green, blue, count);
     if (st != 0) return st;
-    size_t width = size_t(size->x);
-    for (int32_t y = 0; y < size->y; ++y) {
-        uint8_t* row = grey + size_t(y) * width;
-        if (rows[y])
-            korImage_unpackByteBuffer(row, rows[y], int(width));
-        else
-            std::memset(row, 0, width);
-        for (size_t x = 0; x < width; ++x) row[x] = table[row[x]];
-    }
+    il::packByteDecodeInto(grey, rows, size);
+    size_t n = size_t(size->x) * size_t(size->y);
+    for (size_t i = 0; i < n; ++i) grey[i] = table[grey[i]];
     return 0;
 }
 

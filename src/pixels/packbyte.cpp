@@ -197,19 +197,24 @@ int packByteEncodeImage(uint8_t*** rows, const uint8_t* map, const ImageSize* si
     return 0;
 }
 
+void packByteDecodeInto(uint8_t* dst, uint8_t* const* rows, const ImageSize* size) noexcept {
+    const size_t width = size_t(size->x);
+    for (int32_t y = 0; y < size->y; ++y) {
+        uint8_t* d = dst + size_t(y) * width;
+        if (rows[y])
+            korImage_unpackByteBuffer(d, rows[y], int(width));
+        else
+            std::memset(d, 0, width);
+    }
+}
+
 int packByteDecodeImage(uint8_t** map, uint8_t* const* rows, const ImageSize* size) noexcept {
     if (!map || !rows || !sizeOk(size)) return IMGERR_BADARG;
     size_t width = size_t(size->x), bytes;
     if (!mulSize(width, size_t(size->y), &bytes)) return IMGERR_NOMEMORY;
     auto* out = static_cast<uint8_t*>(dlmSystem_korMalloc(bytes ? bytes : 1));
     if (!out) return IMGERR_NOMEMORY;
-    for (int32_t y = 0; y < size->y; ++y) {
-        uint8_t* d = out + size_t(y) * width;
-        if (rows[y])
-            korImage_unpackByteBuffer(d, rows[y], int(width));
-        else
-            std::memset(d, 0, width);
-    }
+    packByteDecodeInto(out, rows, size);
     *map = out;
     return 0;
 }

@@ -78,6 +78,10 @@ int packByteEncodeImage(uint8_t*** rows, const uint8_t* map, const ImageSize* si
 // (host allocator). 0 or IMGERR_NOMEMORY.
 int packByteDecodeImage(uint8_t** map, uint8_t* const* rows, const ImageSize* size) noexcept;
 
+// A PackByte row table into the caller's width x height bytes; null rows
+// become zeros.
+void packByteDecodeInto(uint8_t* dst, uint8_t* const* rows, const ImageSize* size) noexcept;
+
 // Moves *cursor in a PackByte row past n pixels. *residual (when not
 // null) receives the count that remains at the cursor: the count byte
 // under it when n ends on a packet boundary (or n is 0), k - n when n ends
