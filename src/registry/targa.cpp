@@ -11,7 +11,7 @@
 #include "internal/bytes.h"
 #include "internal/file.h"
 #include "internal/scratch.h"
-#include "registry/stream.h"
+#include "codecs/rows.h"
 
 namespace {
 

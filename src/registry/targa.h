@@ -12,7 +12,7 @@ struct ImageFileContext;
 // header cannot be read, or IMGERR_BADFILE for an impossible header.
 int imageTga_readInfo(ImageSize* size, int* colourMode, int* orientation, const char* path) noexcept;
 
-// Streaming handler operations (see registry/stream.h for the contract).
+// Streaming handler operations (see codecs/rows.h for the contract).
 // Open returns 1 when the file cannot be opened, 3 when the header cannot
 // be read, 294 when the row buffer cannot be allocated, IMGERR_BADFILE or
 // IMGERR_BADFORMAT for headers it cannot decode. Create returns 1 when the

@@ -24,7 +24,7 @@
 #include "pixels/colour.h"
 #include "pixels/dither.h"
 #include "pixels/rows.h"
-#include "registry/stream.h"
+#include "codecs/rows.h"
 
 namespace {
 

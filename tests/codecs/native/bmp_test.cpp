@@ -8,7 +8,7 @@
 #include "bmp_decode.h"
 #include "imagelib/pixels.h"
 #include "internal/bytes.h"
-#include "registry/stream.h"
+#include "codecs/rows.h"
 #include "test_support.h"
 
 namespace {
