@@ -1,0 +1,267 @@
+// One interop harness for every codec, pixel for pixel through the CLI:
+//  - kPeerFiles: a file written by another program must decode with
+//    `imagelib convert FILE out.pam` to the pixels that a reference decoder
+//    (by default ImageMagick) gives for it;
+//  - kOurFiles: a file written by `imagelib convert SOURCE FILE [options]`
+//    must decode in another program to the pixels our own reader gives.
+// A row is skipped when its program is absent. Adding a codec's cases is
+// adding rows.
+//
+// Commands are shell text with these names replaced:
+//   {out}    the file of the row (its name is the row's name, so its
+//            extension tells our CLI the type);
+//   {photo}  a 61 x 43 PPM with smooth ramps and sharp edges (odd width:
+//            every row needs padding in most formats);
+//   {few}    the same size in six colours (palette writers keep it exact);
+//   {grey}   a PGM of the photo's green channel;
+//   {bw}     a PBM of the same size, an irregular pattern.
+// Rows of lossless writers also check that our decoding is the source.
+// A decode command prints PBM, PGM, PPM or PAM (any depth, maxval 255 or
+// 1 for PBM) on its standard output. Colour is compared always, alpha when
+// both sides carry it.
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+namespace {
+
+// ImageMagick's decoding of the first image of a file.
+constexpr const char* kMagick = "convert {out}[0] -depth 8 pam:-";
+
+struct PeerFile {
+    const char* name;    // file name; its extension is the type
+    const char* tool;    // program that must be present
+    const char* make;    // command that writes {out}
+    const char* decode;  // reference decoding of {out}; null: ImageMagick's
+    int tolerance;       // largest difference allowed in a sample (0: exact)
+};
+
+struct OurFile {
+    const char* name;    // file name; its extension chooses our writer
+    const char* source;  // photo, few, grey or bw
+    const char* options; // further options of imagelib convert
+    const char* tool;    // program that must be present
+    const char* decode;  // the other program's decoding of {out}; null: ImageMagick's
+    int tolerance;
+    bool lossless;       // our decoding must also equal the source picture
+};
+
+const PeerFile kPeerFiles[] = {
+    {"im_rgb24.bmp", "convert", "convert {photo} -type TrueColor BMP3:{out}", nullptr, 0},
+    {"im_8bit.bmp", "convert", "convert {few} -type Palette -compress None BMP3:{out}", nullptr, 0},
+    {"netpbm_8bit.bmp", "ppmtobmp", "ppmtobmp -bpp 8 {few} > {out}", "bmptopnm {out}", 0},
+};
+
+const OurFile kOurFiles[] = {
+    {"ours_rgb.bmp", "photo", "", "convert", nullptr, 0, true},
+    {"ours_bw.bmp", "bw", "", "bmptopnm", "bmptopnm {out}", 0, true},
+};
+
+// --- pictures ---------------------------------------------------------------
+
+struct Picture {
+    int width = 0, height = 0;
+    bool alpha = false;
+    std::vector<uint8_t> rgba;  // four samples a pixel; alpha 255 when absent
+    std::string error;
+};
+
+// Parses PBM/PGM/PPM (binary) or PAM.
+Picture parsePnm(const std::string& s) {
+    Picture pic;
+    size_t p = 2;
+    auto skipSpace = [&] {
+        while (p < s.size() && (std::isspace(uint8_t(s[p])) || s[p] == '#'))
+            p = s[p] == '#' ? s.find('\n', p) : p + 1;
+    };
+    auto number = [&] {
+        skipSpace();
+        int v = 0;
+        while (p < s.size() && std::isdigit(uint8_t(s[p]))) v = v * 10 + (s[p++] - '0');
+        return v;
+    };
+    if (s.size() < 3 || s[0] != 'P') return pic.error = "not a PNM or PAM file", pic;
+    int depth = 0, maxval = 0;
+    const char kind = s[1];
+    if (kind == '7') {
+        while (p < s.size()) {
+            skipSpace();
+            const size_t end = s.find_first_of(" \t\n", p);
+            const std::string key = s.substr(p, end - p);
+            p = end;
+            if (key == "ENDHDR") break;
+            if (key == "WIDTH") pic.width = number();
+            else if (key == "HEIGHT") pic.height = number();
+            else if (key == "DEPTH") depth = number();
+            else if (key == "MAXVAL") maxval = number();
+            else p = s.find('\n', p);
+        }
+    } else if (kind >= '4' && kind <= '6') {
+        pic.width = number(), pic.height = number();
+        maxval = kind == '4' ? 1 : number();
+        depth = kind == '6' ? 3 : 1;
+    } else {
+        return pic.error = "unsupported PNM kind", pic;
+    }
+    ++p;  // the single white-space byte before the samples
+    if (pic.width <= 0 || pic.height <= 0 || depth < 1 || depth > 4 || (maxval != 255 && maxval != 1))
+        return pic.error = "unsupported header", pic;
+    const bool bits = kind == '4' || (kind == '7' && maxval == 1 && depth == 1);
+    const size_t rowBytes = kind == '4' ? (size_t(pic.width) + 7) / 8 : size_t(pic.width) * depth;
+    if (s.size() < p + rowBytes * pic.height) return pic.error = "short pixel data", pic;
+    pic.alpha = depth == 2 || depth == 4;
+    pic.rgba.resize(size_t(pic.width) * pic.height * 4);
+    for (int y = 0; y < pic.height; ++y) {
+        const auto* row = reinterpret_cast<const uint8_t*>(s.data() + p + rowBytes * y);
+        for (int x = 0; x < pic.width; ++x) {
+            uint8_t* o = &pic.rgba[(size_t(y) * pic.width + x) * 4];
+            if (bits) {
+                const bool set = kind == '4' ? (row[x / 8] >> (7 - x % 8) & 1) : row[x] == 0;
+                o[0] = o[1] = o[2] = set ? 0 : 255, o[3] = 255;
+                continue;
+            }
+            const uint8_t* in = row + size_t(x) * depth;
+            const auto scale = [&](uint8_t v) { return maxval == 1 ? uint8_t(v ? 255 : 0) : v; };
+            if (depth <= 2) o[0] = o[1] = o[2] = scale(in[0]);
+            else o[0] = scale(in[0]), o[1] = scale(in[1]), o[2] = scale(in[2]);
+            o[3] = pic.alpha ? scale(in[depth - 1]) : 255;
+        }
+    }
+    return pic;
+}
+
+Picture decodeWith(const std::string& command) {
+    std::string out;
+    const int status = iltest::run(command + " 2>/dev/null", &out);
+    if (status != 0) {
+        Picture pic;
+        pic.error = "`" + command + "` exited with " + std::to_string(status);
+        return pic;
+    }
+    return parsePnm(out);
+}
+
+std::string replaceAll(std::string text, const std::string& key, const std::string& value) {
+    for (size_t at = text.find(key); at != std::string::npos; at = text.find(key, at + value.size()))
+        text.replace(at, key.size(), value);
+    return text;
+}
+
+// The harness's source pictures, written once per test.
+struct Sources {
+    iltest::TempDir dir;
+    Sources() {
+        const int w = 61, h = 43;
+        std::string photo = "P6\n61 43\n255\n", few = photo, grey = "P5\n61 43\n255\n", bw = "P4\n61 43\n";
+        static const uint8_t kSix[6][3] = {{0, 0, 0}, {255, 255, 255}, {200, 30, 40}, {20, 160, 60},
+                                           {30, 60, 220}, {250, 210, 0}};
+        for (int y = 0; y < h; ++y) {
+            uint8_t bits[8] = {};
+            for (int x = 0; x < w; ++x) {
+                const uint8_t r = uint8_t(x * 4), g = uint8_t(y * 6 + (x > 30 ? 60 : 0)), b = uint8_t((x ^ y) * 5);
+                photo += {char(r), char(g), char(b)};
+                grey += char(g);
+                const uint8_t* c = kSix[(x / 7 + y / 5) % 6];
+                few += {char(c[0]), char(c[1]), char(c[2])};
+                if (((x * 7 + y * 3) % 11) < 5) bits[x / 8] |= uint8_t(0x80 >> (x % 8));
+            }
+            bw.append(reinterpret_cast<const char*>(bits), 8);
+        }
+        iltest::writeFile(dir.file("photo.ppm"), photo);
+        iltest::writeFile(dir.file("few.ppm"), few);
+        iltest::writeFile(dir.file("grey.pgm"), grey);
+        iltest::writeFile(dir.file("bw.pbm"), bw);
+    }
+    std::string expand(std::string command, const std::string& out) const {
+        command = replaceAll(command, "{out}", "'" + out + "'");
+        command = replaceAll(command, "{photo}", "'" + dir.file("photo.ppm") + "'");
+        command = replaceAll(command, "{few}", "'" + dir.file("few.ppm") + "'");
+        command = replaceAll(command, "{grey}", "'" + dir.file("grey.pgm") + "'");
+        return replaceAll(command, "{bw}", "'" + dir.file("bw.pbm") + "'");
+    }
+    std::string source(const std::string& name) const {
+        return dir.file(name + (name == "grey" ? ".pgm" : name == "bw" ? ".pbm" : ".ppm"));
+    }
+};
+
+// Our CLI's decoding of a file.
+Picture ours(const std::string& path, const std::string& scratch) {
+    const std::string command = "'" + iltest::cliPath() + "' convert '" + path + "' '" + scratch + "'";
+    if (int status = iltest::run(command + " 2>&1")) {
+        Picture pic;
+        pic.error = "`" + command + "` exited with " + std::to_string(status);
+        return pic;
+    }
+    const std::vector<uint8_t> bytes = iltest::readFile(scratch);
+    return parsePnm(std::string(bytes.begin(), bytes.end()));
+}
+
+// Compares two decodings; describes the first difference beyond tolerance.
+void expectSame(const Picture& expected, const Picture& actual, int tolerance, const std::string& what) {
+    ASSERT_TRUE(expected.error.empty()) << what << ": reference: " << expected.error;
+    ASSERT_TRUE(actual.error.empty()) << what << ": " << actual.error;
+    ASSERT_EQ(expected.width, actual.width) << what;
+    ASSERT_EQ(expected.height, actual.height) << what;
+    const int channels = expected.alpha && actual.alpha ? 4 : 3;
+    for (size_t i = 0; i < expected.rgba.size(); ++i) {
+        if (int(i % 4) >= channels) continue;
+        if (std::abs(expected.rgba[i] - actual.rgba[i]) > tolerance) {
+            const size_t px = i / 4;
+            FAIL() << what << ": first difference at x " << px % expected.width << ", y " << px / expected.width
+                   << ", channel " << i % 4 << ": expected " << int(expected.rgba[i]) << ", got "
+                   << int(actual.rgba[i]);
+        }
+    }
+}
+
+std::string testName(const char* name) {
+    std::string n = name;
+    for (char& c : n)
+        if (!std::isalnum(uint8_t(c))) c = '_';
+    return n;
+}
+
+class PeerFiles : public ::testing::TestWithParam<PeerFile> {};
+
+TEST_P(PeerFiles, DecodeToThePeersPixels) {
+    const PeerFile& row = GetParam();
+    if (!iltest::haveProgram(row.tool)) GTEST_SKIP() << row.tool << " absent";
+    Sources src;
+    const std::string out = src.dir.file(row.name);
+    const std::string make = src.expand(row.make, out);
+    ASSERT_EQ(iltest::run(make + " 2>/dev/null"), 0) << make;
+    const Picture reference = decodeWith(src.expand(row.decode ? row.decode : kMagick, out));
+    expectSame(reference, ours(out, src.dir.file("ours.pam")), row.tolerance, row.name);
+}
+
+INSTANTIATE_TEST_SUITE_P(Interop, PeerFiles, ::testing::ValuesIn(kPeerFiles),
+                         [](const auto& info) { return testName(info.param.name); });
+
+class OurFiles : public ::testing::TestWithParam<OurFile> {};
+
+TEST_P(OurFiles, DecodeInThePeerToOurPixels) {
+    const OurFile& row = GetParam();
+    if (!iltest::haveProgram(row.tool)) GTEST_SKIP() << row.tool << " absent";
+    Sources src;
+    const std::string out = src.dir.file(row.name);
+    const std::string command = "'" + iltest::cliPath() + "' convert '" + src.source(row.source) + "' '" + out +
+                                "' " + row.options;
+    ASSERT_EQ(iltest::run(command + " 2>&1"), 0) << command;
+    const Picture mine = ours(out, src.dir.file("ours.pam"));
+    expectSame(mine, decodeWith(src.expand(row.decode ? row.decode : kMagick, out)), row.tolerance, row.name);
+    if (row.lossless) {
+        const std::vector<uint8_t> bytes = iltest::readFile(src.source(row.source));
+        expectSame(parsePnm(std::string(bytes.begin(), bytes.end())), mine, 0,
+                   std::string(row.name) + " against its source");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Interop, OurFiles, ::testing::ValuesIn(kOurFiles),
+                         [](const auto& info) { return testName(info.param.name); });
+
+}  // namespace
