@@ -91,8 +91,9 @@ typedef int (*StopFunction)(int total, int done);
 #define IMGSTAT_NO_ROW_BUFFER 294    /* Targa row buffer could not be allocated */
 #define IMGSTAT_NO_BACKGROUND 32768  /* no background colour; short Targa write */
 
-/* Buffer size of a layout: the table of the image model; -126 for an
-   unknown layout code. */
+/* Buffer size of a layout: the table of the image model; for the row
+   layouts 2 and 8 the size of the row pointer array (rows x the size of a
+   pointer). -126 for an unknown layout code. */
 IMAGELIB_API int32_t korImage_memorySize(const ImageSize* size, int format) IMAGELIB_NOEXCEPT;
 
 /* Frees an image buffer (row by row for layouts 2 and 8). */

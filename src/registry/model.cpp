@@ -12,7 +12,7 @@ int32_t korImage_memorySize(const ImageSize* size, int format) noexcept {
     switch (format) {
         case IMAGEFORMAT_BITMAP: n = ((x + 7) >> 3) * y; break;
         case IMAGEFORMAT_RLEBITMAP:
-        case IMAGEFORMAT_PACKBYTE: n = y * 4; break;
+        case IMAGEFORMAT_PACKBYTE: n = y * int64_t(sizeof(void*)); break;  // the row pointer array
         case IMAGEFORMAT_MAP:
         case IMAGEFORMAT_MAP2: n = x * y; break;
         case IMAGEFORMAT_RGB:

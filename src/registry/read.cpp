@@ -62,7 +62,7 @@ int bmpDecode(const char* path, Decoded& d) {
     int mode = 0;
     if (int st = imageBmp_readInfo(&size, &mode, path)) return st;
     void* p = nullptr;
-    if (mode == COLORMODE_RGB) {
+    if (mode == COLORMODE_RGB || mode == COLORMODE_RGBA) {
         uint8_t* rgb = nullptr;
         if (int st = imageBmp_readToRGB(&rgb, &size, path)) return st;
         d.image.reset(rgb, size, IMAGEFORMAT_RGB);
@@ -155,7 +155,7 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
             ImageSize size{};
             int mode = 0;
             if (int st = imageBmp_readInfo(&size, &mode, path)) return st;
-            if (mode == COLORMODE_RGB) {
+            if (mode == COLORMODE_RGB || mode == COLORMODE_RGBA) {
                 trueColour = true;
                 return 0;
             }
@@ -301,6 +301,13 @@ int korImage_readFileToRGBA(uint8_t** out, ImageSize* outSize, const char* path,
                     handOut(img, out, outSize);
                     return st;
                 }
+                break;
+            }
+            case 9: {
+                uint8_t* p = nullptr;
+                ImageSize size{};
+                if (int st = imageBmp_readToRGBA(&p, &size, path)) return st;
+                img.reset(p, size, IMAGEFORMAT_RGB);
                 break;
             }
             case 0: case 3: case 29:  // TIFF with alpha

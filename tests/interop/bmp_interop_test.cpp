@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstdio>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -113,8 +114,38 @@ TEST_F(BmpInterop, SampleFilesDecodeAsImageMagickDecodesThem) {
     if (iltest::corpusFile("bmp/g/pal8.bmp").empty()) GTEST_SKIP() << "sample corpus absent";
     for (const char* name : {"pal1.bmp", "pal1wb.bmp", "pal1bg.bmp", "pal4.bmp", "pal4rle.bmp", "pal8.bmp",
                              "pal8rle.bmp", "pal8-0.bmp", "pal8os2.bmp", "pal8topdown.bmp", "pal8w124.bmp",
-                             "pal8w125.bmp", "pal8w126.bmp", "pal8nonsquare.bmp", "rgb24.bmp", "rgb24pal.bmp"})
+                             "pal8w125.bmp", "pal8w126.bmp", "pal8nonsquare.bmp", "rgb24.bmp", "rgb24pal.bmp",
+                             "pal8v4.bmp", "pal8v5.bmp", "rgb16.bmp", "rgb16-565.bmp", "rgb16-565pal.bmp",
+                             "rgb32.bmp", "rgb32bf.bmp"})
         expectToolsAgree(iltest::corpusFile(std::string("bmp/g/") + name), false);
+}
+
+// Two-colour files keep their own colours through the command-line tool,
+// whatever the palette: black and white either way, other colours, one entry.
+TEST_F(BmpInterop, CliConvertsTwoColourSamplesAsImageMagickDoes) {
+    if (!have("convert")) GTEST_SKIP() << "ImageMagick absent";
+    if (iltest::corpusFile("bmp/g/pal1.bmp").empty()) GTEST_SKIP() << "sample corpus absent";
+    for (const char* name : {"pal1.bmp", "pal1wb.bmp", "pal1bg.bmp"}) {
+        const std::string path = iltest::corpusFile(std::string("bmp/g/") + name), out = dir.file("cli.ppm");
+        ASSERT_EQ(iltest::run("'" + iltest::cliPath() + "' convert '" + path + "' '" + out + "'"), 0) << name;
+        const Bytes ppm = iltest::readFile(out);
+        const bmptest::Picture mine = bmptest::decode(path);
+        const Bytes ours = planarFromPnm(std::string(ppm.begin(), ppm.end()), mine.size);
+        ASSERT_FALSE(ours.empty()) << name;
+        EXPECT_EQ(viaTool("convert '" + path + "' -depth 8 ppm:-", mine.size), ours) << name;
+    }
+    // A palette of one entry: index 1 reads as black.
+    Bytes one = {'B', 'M'};
+    for (uint32_t v : {66u, 0u, 58u, 40u, 2u, 1u}) one.insert(one.end(), {uint8_t(v), 0, 0, 0});
+    one.insert(one.end(), {1, 0, 1, 0});  // one plane, one bit
+    for (uint32_t v : {0u, 4u, 0u, 0u, 1u, 0u}) one.insert(one.end(), {uint8_t(v), 0, 0, 0});
+    one.insert(one.end(), {40, 90, 200, 0, 0x40, 0, 0, 0});  // the one entry; pixels 0, 1
+    ASSERT_TRUE(iltest::writeFile(dir.file("one.bmp"), one));
+    ASSERT_EQ(iltest::run("'" + iltest::cliPath() + "' convert '" + dir.file("one.bmp") + "' '" + dir.file("one.ppm") +
+                          "'"),
+              0);
+    const Bytes ppm = iltest::readFile(dir.file("one.ppm"));
+    EXPECT_EQ(planarFromPnm(std::string(ppm.begin(), ppm.end()), ImageSize{2, 1}), Bytes({200, 0, 90, 0, 40, 0}));
 }
 
 TEST_F(BmpInterop, OurFilesDecodeInTheTools) {

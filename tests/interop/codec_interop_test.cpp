@@ -55,6 +55,12 @@ const PeerFile kPeerFiles[] = {
     {"im_rgb24.bmp", "convert", "convert {photo} -type TrueColor BMP3:{out}", nullptr, 0},
     {"im_8bit.bmp", "convert", "convert {few} -type Palette -compress None BMP3:{out}", nullptr, 0},
     {"netpbm_8bit.bmp", "ppmtobmp", "ppmtobmp -bpp 8 {few} > {out}", "bmptopnm {out}", 0},
+    // ImageMagick's default BMP (version 5 header), its 16-bit forms and
+    // 32 bits with alpha (bit fields).
+    {"im_default.bmp", "convert", "convert {photo} {out}", nullptr, 0},
+    {"im_rgb565.bmp", "convert", "convert {photo} -define bmp:subtype=RGB565 {out}", nullptr, 0},
+    {"im_rgb555.bmp", "convert", "convert {photo} -define bmp:subtype=RGB555 {out}", nullptr, 0},
+    {"im_alpha32.bmp", "convert", "convert {photo} -alpha set -channel A -fx 'i/w' +channel {out}", nullptr, 0},
 };
 
 const OurFile kOurFiles[] = {

@@ -223,6 +223,43 @@ int mirror(Image& img, int mode, StopFunction stop) {
 
 // ---- loading and saving --------------------------------------------------------
 
+namespace {
+
+// A bilevel file comes from the library as a bitmap with the palette white,
+// black. When the file's own two colours are something else (or it has a
+// palette of one entry), it is read again as a two-colour palette image
+// with the palette it holds, so that the output shows its colours. A
+// stopped or failed second read keeps the bitmap.
+int keepTwoColours(const std::string& path, Image& img, StopFunction stop) {
+    uint8_t red[256] = {}, green[256] = {}, blue[256] = {};
+    int count = 0;
+    uint8_t** rows = nullptr;
+    ImageSize size{};
+    // Readers without a palette form keep the bitmap.
+    if (korImage_readFileToMap(&rows, &size, red, green, blue, &count, path.c_str(), -1, nullptr, stop) != 0) return 0;
+    auto is = [&](int i, int v) { return red[i] == v && green[i] == v && blue[i] == v; };
+    if (count == 2 && ((is(0, 0) && is(1, 255)) || (is(0, 255) && is(1, 0)))) {
+        korImage_freeImage(rows, &size, IMAGEFORMAT_PACKBYTE);
+        return 0;
+    }
+    const size_t width = size_t(size.x);
+    auto* map = static_cast<uint8_t*>(dlmSystem_korMalloc(width * size_t(size.y)));
+    if (map)
+        for (int y = 0; y < size.y; ++y) korImage_unpackByteBuffer(map + width * size_t(y), rows[y], size.x);
+    korImage_freeImage(rows, &size, IMAGEFORMAT_PACKBYTE);
+    if (!map) return IMGERR_NOMEMORY;
+    for (int i = count; i < 2; ++i) red[i] = green[i] = blue[i] = 0;  // past a one-entry palette: black
+    img.replace(map, size, IMAGEFORMAT_MAP);
+    std::memcpy(img.red, red, 256);
+    std::memcpy(img.green, green, 256);
+    std::memcpy(img.blue, blue, 256);
+    img.count = 2;
+    img.colorMode = COLORMODE_PALETTE16;
+    return 0;
+}
+
+}  // namespace
+
 int loadImage(const std::string& path, Image& img, bool forceRGB, StopFunction stop) {
     if (isPnmFile(path)) {
         int st = loadPnm(path, img);
@@ -237,7 +274,8 @@ int loadImage(const std::string& path, Image& img, bool forceRGB, StopFunction s
     if (st < 0) return st;
     img.replace(buf, size, layout);
     img.colorMode = mode;
-    return st == 0 ? 0 : IMGERR_STOPPED;
+    if (st == 0 && mode == COLORMODE_BILEVEL && !forceRGB) st = keepTwoColours(path, img, stop);
+    return st == 0 ? 0 : st < 0 ? st : IMGERR_STOPPED;
 }
 
 int saveImage(const std::string& path, int type, int mode, Image& img, int compression, StopFunction stop) {

@@ -31,6 +31,14 @@ namespace {
 constexpr int kFileHeaderBytes = 14;
 constexpr int kInfoHeaderBytes = 40;
 constexpr int kCoreHeaderBytes = 12;
+constexpr int kOs2HeaderBytes = 64;       // OS/2 2.x, which may also stop at 16 bytes
+constexpr int kLargestHeaderBytes = 124;  // the version 5 header
+
+// The info header sizes read besides the core header: OS/2 2.x (16, 64),
+// Windows (40), with bit fields (52, 56), versions 4 (108) and 5 (124).
+bool isInfoHeaderSize(uint32_t n) {
+    return n == 16 || n == 40 || n == 52 || n == 56 || n == 64 || n == 108 || n == 124;
+}
 constexpr int kFileType = 9;          // BMP in the format table
 constexpr int kStreamOrientation = 6; // orientation code: rows stored bottom-up
 
@@ -86,6 +94,8 @@ struct Source {
             green[i] = raw[i * entry + 1];
             red[i] = raw[i * entry + 2];
         }
+        // Indices past a short palette read as black.
+        for (int i = count; i < 256; ++i) red[i] = green[i] = blue[i] = 0;
         return 0;
     }
 
@@ -176,19 +186,8 @@ int imageBmp_readHeader(BmpFileHeader* fh, BmpInfoHeader* ih, int* fourBytePalet
     fh->dataOffset = il::get32le(b + 8);
     const uint32_t headerSize = il::get32le(b + 12);
     int four = 1;
-    if (headerSize == kInfoHeaderBytes) {
-        if (!f.read(b, kInfoHeaderBytes - 4)) return IMGERR_READFAILED;
-        ih->width = int32_t(il::get32le(b));
-        ih->height = int32_t(il::get32le(b + 4));
-        ih->planes = il::get16le(b + 8);
-        ih->bitCount = il::get16le(b + 10);
-        ih->compression = il::get32le(b + 12);
-        ih->imageSize = il::get32le(b + 16);
-        ih->xResolution = int32_t(il::get32le(b + 20));
-        ih->yResolution = int32_t(il::get32le(b + 24));
-        ih->coloursUsed = il::get32le(b + 28);
-        ih->coloursImportant = il::get32le(b + 32);
-    } else if (headerSize == kCoreHeaderBytes) {
+    ih->storedHeaderSize = headerSize;
+    if (headerSize == kCoreHeaderBytes) {
         // OS/2 core header: four unsigned 16-bit fields, 3-byte palette entries.
         if (!f.read(b, kCoreHeaderBytes - 4)) return IMGERR_READFAILED;
         ih->width = il::get16le(b);
@@ -196,6 +195,46 @@ int imageBmp_readHeader(BmpFileHeader* fh, BmpInfoHeader* ih, int* fourBytePalet
         ih->planes = il::get16le(b + 4);
         ih->bitCount = il::get16le(b + 6);
         four = 0;
+    } else if (isInfoHeaderSize(headerSize)) {
+        // The fields a header holds; an OS/2 2.x header may end after the
+        // bit count (16 bytes) and the rest reads as 0.
+        uint8_t h[kLargestHeaderBytes] = {};
+        if (!f.read(h, headerSize - 4)) return IMGERR_READFAILED;
+        ih->width = int32_t(il::get32le(h));
+        ih->height = int32_t(il::get32le(h + 4));
+        ih->planes = il::get16le(h + 8);
+        ih->bitCount = il::get16le(h + 10);
+        ih->compression = il::get32le(h + 12);
+        ih->imageSize = il::get32le(h + 16);
+        ih->xResolution = int32_t(il::get32le(h + 20));
+        ih->yResolution = int32_t(il::get32le(h + 24));
+        ih->coloursUsed = il::get32le(h + 28);
+        ih->coloursImportant = il::get32le(h + 32);
+        // OS/2 2.x compressions 3 (Huffman) and 4 (24-bit run-length) are
+        // not the Windows bit fields; they are not read.
+        if (headerSize == kOs2HeaderBytes && ih->compression > kBmpRle4) return IMGERR_BADFORMAT;
+        const bool bitFields = ih->compression == kBmpBitFields || ih->compression == kBmpAlphaBitFields;
+        if (bitFields) {
+            if (ih->bitCount != 16 && ih->bitCount != 32) return IMGERR_BADFORMAT;
+            // Masks in the header, or (40-byte header) after it: red, green,
+            // blue, and alpha with the alpha variant.
+            const int fields = ih->compression == kBmpAlphaBitFields ? 4 : 3;
+            const uint8_t* m = h + kInfoHeaderBytes - 4;
+            if (headerSize == kInfoHeaderBytes) {
+                // Some writers (ImageMagick's BMP3 16-bit output) mark bit
+                // fields but start the pixels right after the header: the
+                // masks are then taken as absent and the defaults apply.
+                const int64_t here = f.tell();
+                if (!fh->bitmapArray && int64_t(fh->dataOffset) < here + fields * 4) {
+                    std::memset(b, 0, sizeof b);
+                } else if (!f.read(b, size_t(fields) * 4)) {
+                    return IMGERR_READFAILED;
+                }
+                m = b;
+            }
+            const int inHeader = headerSize >= 56 ? 4 : headerSize >= 52 ? 3 : fields;
+            for (int i = 0; i < std::max(fields, inHeader); ++i) ih->masks[i] = il::get32le(m + 4 * i);
+        }
     } else {
         return IMGERR_BADFILE;
     }
@@ -205,20 +244,31 @@ int imageBmp_readHeader(BmpFileHeader* fh, BmpInfoHeader* ih, int* fourBytePalet
     // larger than the 256 entries a palette image holds, and dimensions the
     // library cannot hold are refused before anything is sized from them.
     const int bits = ih->bitCount;
+    if (bits == 64) return IMGERR_BADFORMAT;
     if (bits == 0 || bits > 32) return IMGERR_BADFILE;
     if (bits <= 8 && ih->coloursUsed > 256) return IMGERR_BADFILE;
     if (ih->width <= 0 || ih->height == 0 || ih->width > il::kMaxDimension || absHeight(*ih) > il::kMaxDimension)
         return IMGERR_BADFILE;
+    if ((bits == 16 || bits == 32) && !(ih->masks[0] | ih->masks[1] | ih->masks[2])) {
+        if (bits == 16) {
+            ih->masks[0] = 0x7C00, ih->masks[1] = 0x03E0, ih->masks[2] = 0x001F;
+        } else {
+            ih->masks[0] = 0xFF0000, ih->masks[1] = 0x00FF00, ih->masks[2] = 0x0000FF;
+        }
+    }
 
-    if (ih->coloursUsed == 0) ih->coloursUsed = uint32_t(uint64_t(1) << bits);
+    // Kept on purpose for 24 bits too (the value is then only a count); 32
+    // bits have no such count.
+    if (ih->coloursUsed == 0 && bits < 32) ih->coloursUsed = uint32_t(uint64_t(1) << bits);
 
     if (!fh->bitmapArray) {
         // A data offset that points into the headers or the palette is
-        // raised to the end of the palette.
+        // raised to the end of the palette (palette images) or of the
+        // headers and masks (true colour).
         const int64_t here = f.tell();
         if (here < 0) return IMGERR_READFAILED;
         int64_t lowest = here;
-        if (bits != 24) lowest += int64_t(ih->coloursUsed) * (four ? 4 : 3);
+        if (bits <= 8) lowest += int64_t(ih->coloursUsed) * (four ? 4 : 3);
         if (int64_t(fh->dataOffset) < lowest) fh->dataOffset = uint32_t(std::min<int64_t>(lowest, UINT32_MAX));
     }
 
@@ -238,9 +288,12 @@ int imageBmp_readInfo(ImageSize* size, int* imageFormat, const char* path) noexc
     int st = 0;
     if (imageFormat) {
         switch (src.ih.bitCount) {
+            case 16:
+            case 32: *imageFormat = src.ih.masks[3] ? COLORMODE_RGBA : COLORMODE_RGB; break;
             case 24: *imageFormat = COLORMODE_RGB; break;
             case 8: *imageFormat = COLORMODE_PALETTE256; break;
-            case 4: *imageFormat = COLORMODE_PALETTE16; break;
+            case 4:
+            case 2: *imageFormat = COLORMODE_PALETTE16; break;
             case 1:
                 if (src.ih.planes == 1) {
                     *imageFormat = COLORMODE_BILEVEL;
@@ -253,7 +306,8 @@ int imageBmp_readInfo(ImageSize* size, int* imageFormat, const char* path) noexc
             default: st = IMGERR_BADFILE; break;
         }
     }
-    if (src.ih.compression > kBmpRle4) st = IMGERR_BADFORMAT;
+    const uint32_t c = src.ih.compression;
+    if (c > kBmpRle4 && c != kBmpBitFields && c != kBmpAlphaBitFields) st = IMGERR_BADFORMAT;
     return st;
 }
 
@@ -395,39 +449,95 @@ int imageBmp_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green
     return 0;
 }
 
-int imageBmp_readToRGB(uint8_t** rgb, ImageSize* size, const char* path) noexcept {
-    if (!rgb) return IMGERR_BADARG;
+namespace {
+
+// One bit field of a 16- or 32-bit pixel, widened to 8 bits: fields of 1 to
+// 7 bits repeat their bits (5 bits abcde give abcdeabc), wider fields keep
+// their top 8 bits.
+struct Field {
+    int shift = 0;  // lowest bit of the mask
+    int width = 0;  // bits from there to the highest bit of the mask
+    uint32_t mask = 0;
+    uint8_t widen[256] = {};  // field value to 8 bits, for widths up to 8
+
+    explicit Field(uint32_t m) : mask(m) {
+        if (!m) return;
+        while (!(m >> shift & 1)) ++shift;
+        while (width + shift < 32 && (m >> (shift + width)) != 0) ++width;
+        if (width >= 8) return;
+        for (uint32_t v = 0; v < (1u << width); ++v) {
+            uint32_t out = 0;
+            for (int filled = 0; filled < 8; filled += width) out = out << width | v;
+            widen[v] = uint8_t(out >> (((8 + width - 1) / width) * width - 8));
+        }
+    }
+    uint8_t operator()(uint32_t pixel) const {
+        const uint32_t v = (pixel & mask) >> shift;
+        return width > 8 ? uint8_t(v >> (width - 8)) : width == 8 ? uint8_t(v) : widen[v];
+    }
+};
+
+// Reads a 16-, 24- or 32-bit file into row-planar planes (3, or 4 with
+// alpha), top row first.
+int readTrueColour(uint8_t** out, ImageSize* size, const char* path, bool alpha) {
+    if (!out) return IMGERR_BADARG;
     Source src;
     if (int st = src.open(path)) return st;
-    if (src.ih.bitCount != 24) return IMGERR_UNSUPPORTEDTYPE;
-    const int w = src.width, h = src.height;
+    const int bits = src.ih.bitCount;
+    if (bits != 16 && bits != 24 && bits != 32) return IMGERR_UNSUPPORTEDTYPE;
+    const int w = src.width, h = src.height, planes = alpha ? 4 : 3;
     if (size) *size = ImageSize{w, h};
 
-    // The compression field is not looked at: 24-bit rows are read as stored.
-    const int64_t stride = rgbRowBytes(w);
+    // The compression field is not looked at beyond the bit fields: the
+    // rows are read as stored.
+    const int64_t stride = bits == 24 ? rgbRowBytes(w) : wordRowBytes(w, bits);
     if (!src.file.seek(src.fh.dataOffset)) return IMGERR_READFAILED;
     if (stride * h > src.remaining()) return IMGERR_BADFILE;
     size_t bytes;
-    if (!il::imageBytes(w, h, 3, &bytes)) return IMGERR_BADFILE;
-    il::CallerBuffer<uint8_t> out = il::callerBytes(bytes);
+    if (!il::imageBytes(w, h, planes, &bytes)) return IMGERR_BADFILE;
+    il::CallerBuffer<uint8_t> image = il::callerBytes(bytes);
     il::Scratch<uint8_t> row(size_t(stride), il::tag("BmR3"));
-    if (!out || !row.ok()) return IMGERR_NOMEMORY;
+    if (!image || !row.ok()) return IMGERR_NOMEMORY;
 
-    const size_t planeRow = size_t(w) * 3;
+    const Field red(src.ih.masks[0]), green(src.ih.masks[1]), blue(src.ih.masks[2]), alphaField(src.ih.masks[3]);
+    const size_t planeRow = size_t(w) * planes;
+    bool anyAlpha = false;
     for (int i = 0; i < h; ++i) {
         if (!src.file.read(row.get(), size_t(stride))) return IMGERR_READFAILED;
-        uint8_t* r = out.get() + size_t(src.imageRow(i)) * planeRow;
+        uint8_t* r = image.get() + size_t(src.imageRow(i)) * planeRow;
         uint8_t* g = r + w;
         uint8_t* b = g + w;
+        uint8_t* a = alpha ? b + w : nullptr;
         const uint8_t* p = row.get();
-        for (int x = 0; x < w; ++x, p += 3) {
-            b[x] = p[0];
-            g[x] = p[1];
-            r[x] = p[2];
+        if (bits == 24) {
+            for (int x = 0; x < w; ++x, p += 3) b[x] = p[0], g[x] = p[1], r[x] = p[2];
+            if (a) std::memset(a, 255, size_t(w));
+            continue;
+        }
+        for (int x = 0; x < w; ++x) {
+            const uint32_t px = bits == 16 ? il::get16le(p + 2 * x) : il::get32le(p + 4 * x);
+            r[x] = red(px), g[x] = green(px), b[x] = blue(px);
+            if (a) {
+                a[x] = alphaField.mask ? alphaField(px) : 255;
+                anyAlpha |= a[x] != 0;
+            }
         }
     }
-    *rgb = out.release();
+    // Alpha that is 0 everywhere was never written: the picture is opaque.
+    if (alpha && !anyAlpha)
+        for (int y = 0; y < h; ++y) std::memset(image.get() + size_t(y) * planeRow + size_t(w) * 3, 255, size_t(w));
+    *out = image.release();
     return 0;
+}
+
+}  // namespace
+
+int imageBmp_readToRGB(uint8_t** rgb, ImageSize* size, const char* path) noexcept {
+    return readTrueColour(rgb, size, path, false);
+}
+
+int imageBmp_readToRGBA(uint8_t** rgba, ImageSize* size, const char* path) noexcept {
+    return readTrueColour(rgba, size, path, true);
 }
 
 int imageBmp_readToBitMap(void** bitmap, ImageSize* size, int runLength, const char* path,

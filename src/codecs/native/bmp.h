@@ -31,9 +31,13 @@ struct BmpFileHeader {
     bool bitmapArray;       // the file began with an OS/2 bitmap-array chain
 };
 
-// The 40-byte info header; a 12-byte core header is widened into it.
+// The 40-byte info header; the 12-byte core header and the 16- and 64-byte
+// OS/2 2.x headers are widened into it, and the bit fields of the 52-, 56-,
+// 108- and 124-byte headers (or of the masks after a 40-byte header) are
+// kept; the remaining fields of the larger headers are skipped.
 struct BmpInfoHeader {
     uint32_t headerSize;    // always 40 after parsing
+    uint32_t storedHeaderSize; // the size the file gave
     int32_t width;
     int32_t height;         // negative: rows stored top row first
     uint16_t planes;
@@ -45,12 +49,18 @@ struct BmpInfoHeader {
     uint32_t coloursUsed;   // 1 << bitCount when stored as 0
     uint32_t coloursImportant;
     bool imageSizeComputed; // the file stored 0 and the parser filled it in
+    // Red, green, blue and alpha bit fields of 16- and 32-bit pixels: from the
+    // file with bit-field compression, else 5-5-5 (16 bits) or 8-8-8 (32
+    // bits) without alpha. Zero for other depths.
+    uint32_t masks[4];
 };
 
 // Compression codes of the info header.
 constexpr uint32_t kBmpUncompressed = 0;
 constexpr uint32_t kBmpRle8 = 1;
 constexpr uint32_t kBmpRle4 = 2;
+constexpr uint32_t kBmpBitFields = 3;       // 16 and 32 bits, masks for red, green, blue
+constexpr uint32_t kBmpAlphaBitFields = 6;  // the same with an alpha mask
 
 // Results of imageBmp_decodeRleRow besides a pixel count.
 constexpr int kBmpRleDelta = -1;    // delta escape: not supported
@@ -61,8 +71,11 @@ constexpr int kBmpRleShort = -3;    // the data ended inside the row
 
 // Size and image format (the colour mode above) of the file at path, from its
 // headers. Either output may be null; the format is worked out only when
-// asked for. IMGERR_BADFILE for an unusable bit count and plane combination,
-// IMGERR_BADFORMAT for a compression above 2 (which overrides it).
+// asked for. 16- and 32-bit files are RGB (1), or RGB with alpha (6) when
+// they have an alpha bit field; 2-bit files are 16-colour images (2).
+// IMGERR_BADFILE for an unusable bit count and plane combination,
+// IMGERR_BADFORMAT for compressions other than none, RLE and bit fields, and
+// for 64-bit pixels (it overrides IMGERR_BADFILE).
 int imageBmp_readInfo(ImageSize* size, int* imageFormat, const char* path) noexcept;
 
 // Parses the headers of an open file positioned at its start, leaving it
@@ -87,9 +100,16 @@ int imageBmp_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green
 int imageBmp_decodeRleRow(uint8_t* row, const uint8_t* data, size_t length, size_t* pos, int limit, int width,
                           uint32_t compression) noexcept;
 
-// Reads a 24-bit file into a new row-planar RGB image in *rgb.
-// IMGERR_UNSUPPORTEDTYPE for any other bit count.
+// Reads a 16-, 24- or 32-bit file into a new row-planar RGB image in *rgb.
+// Bit fields narrower than 8 bits are widened by repeating their bits;
+// wider ones keep their top 8 bits. IMGERR_UNSUPPORTEDTYPE for 8 bits or
+// fewer.
 int imageBmp_readToRGB(uint8_t** rgb, ImageSize* size, const char* path) noexcept;
+
+// The same with alpha: four planes a row (red, green, blue, alpha). Files
+// without an alpha field, and 32-bit files whose alpha is 0 at every pixel,
+// read as opaque.
+int imageBmp_readToRGBA(uint8_t** rgba, ImageSize* size, const char* path) noexcept;
 
 // Reads a one-plane 1-bit file into a bitmap: layout 1 in *bitmap, or with
 // runLength nonzero a table of run-length rows (layout 2). Dark palette

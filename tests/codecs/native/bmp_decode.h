@@ -64,7 +64,7 @@ inline Picture decode(const std::string& path) {
     Picture p;
     int format = 0;
     if ((p.status = imageBmp_readInfo(&p.size, &format, path.c_str()))) return p;
-    if (format == COLORMODE_RGB) return readRGB(path);
+    if (format == COLORMODE_RGB || format == COLORMODE_RGBA) return readRGB(path);
     p = readMap(path);
     p.rgb = expand(p);
     return p;

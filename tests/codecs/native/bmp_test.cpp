@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 #include "bmp_decode.h"
@@ -22,6 +23,8 @@ struct FileLayout {
     int width = 1, height = 1, bits = 8, planes = 1;
     uint32_t compression = 0, coloursUsed = 0;
     bool core = false;        // 12-byte header, 3-byte palette entries
+    uint32_t headerSize = 40; // 16, 40, 52, 56, 64, 108 or 124
+    std::vector<uint32_t> masks;  // bit fields: after a 40-byte header, else inside it
     Bytes palette;            // r, g, b triples
     int64_t dataOffset = -1;  // -1: right after the palette
     int64_t imageSize = -1;   // -1: the data's length
@@ -36,9 +39,13 @@ Bytes build(const FileLayout& s) {
     if (s.core) {
         put32(12), put16(s.width), put16(s.height), put16(s.planes), put16(s.bits);
     } else {
-        put32(40), put32(s.width), put32(uint32_t(s.height)), put16(s.planes), put16(s.bits);
-        put32(s.compression), put32(s.imageSize < 0 ? s.data.size() : s.imageSize);
-        put32(0), put32(0), put32(s.coloursUsed), put32(0);
+        put32(s.headerSize), put32(s.width), put32(uint32_t(s.height)), put16(s.planes), put16(s.bits);
+        if (s.headerSize > 16) {
+            put32(s.compression), put32(s.imageSize < 0 ? s.data.size() : s.imageSize);
+            put32(0), put32(0), put32(s.coloursUsed), put32(0);
+        }
+        for (uint32_t m : s.masks) put32(m);
+        if (s.headerSize > 40) f.resize(14 + s.headerSize);
     }
     for (size_t i = 0; i + 2 < s.palette.size(); i += 3) {
         f.insert(f.end(), {s.palette[i + 2], s.palette[i + 1], s.palette[i]});
@@ -98,8 +105,9 @@ TEST_F(BmpTest, HeaderParsingFillsDefaultsAndRepairsOffset) {
 
 TEST_F(BmpTest, InfoReportsFormatsAndRefusesBadHeaders) {
     struct Case { int bits, planes; uint32_t compression; int status, format; };
-    const Case cases[] = {{24, 1, 0, 0, 1}, {8, 1, 0, 0, 3}, {4, 1, 2, 0, 2}, {1, 1, 0, 0, 5}, {1, 4, 0, 0, 2},
-                          {1, 2, 0, -154, 0}, {16, 1, 0, -154, 0}, {16, 1, 3, -156, 0}, {8, 1, 4, -156, 0}};
+    const Case cases[] = {{24, 1, 0, 0, 1},   {8, 1, 0, 0, 3},    {4, 1, 2, 0, 2},    {1, 1, 0, 0, 5},
+                          {1, 4, 0, 0, 2},    {2, 1, 0, 0, 2},    {16, 1, 0, 0, 1},   {32, 1, 0, 0, 1},
+                          {1, 2, 0, -154, 0}, {12, 1, 0, -154, 0}, {8, 1, 4, -156, 0}, {24, 1, 5, -156, 0}};
     for (const Case& k : cases) {
         FileLayout s;
         s.width = 5, s.height = -3, s.bits = k.bits, s.planes = k.planes, s.compression = k.compression;
@@ -115,8 +123,8 @@ TEST_F(BmpTest, InfoReportsFormatsAndRefusesBadHeaders) {
             EXPECT_EQ(info(p), 0);  // the depth is judged only when asked for
         }
     }
-    // Signature, V4 header, 0 bits, colours used, width 0, height; a cut header.
-    const std::pair<int, uint32_t> bad[] = {{0, 'C'},  {1, 'X'},  {14, 108},         {28, 0},
+    // Signature, header size, 0 bits, colours used, width 0, height; a cut header.
+    const std::pair<int, uint32_t> bad[] = {{0, 'C'},  {1, 'X'},  {14, 20},          {28, 0},
                                             {46, 257}, {18, 0},   {22, 0x40000000}};
     for (auto [at, value] : bad) {
         Bytes b = build(FileLayout{});
@@ -128,6 +136,108 @@ TEST_F(BmpTest, InfoReportsFormatsAndRefusesBadHeaders) {
     cut.resize(30);
     EXPECT_EQ(info(put(cut)), -120);
     EXPECT_EQ(info(dir.file("missing.bmp")), -113);
+}
+
+// The pixels of a true-colour file through the readers: row-planar RGB and
+// the alpha plane of the RGBA reader.
+struct TrueColour {
+    int status = 0, format = 0;
+    Bytes rgb, alpha;
+};
+
+TrueColour readTrueColour(const std::string& path) {
+    TrueColour t;
+    ImageSize size{};
+    if ((t.status = info(path, &size, &t.format))) return t;
+    const Bytes planar = readRGB(path).rgb;
+    t.rgb = planar;
+    uint8_t* rgba = nullptr;
+    if ((t.status = imageBmp_readToRGBA(&rgba, &size, path.c_str()))) return t;
+    t.alpha.assign(rgba + 3 * size.x, rgba + 4 * size.x);  // first row
+    korImage_freeImage(rgba, &size, IMAGEFORMAT_RGBA);
+    return t;
+}
+
+TEST_F(BmpTest, BitFieldsAndLargerHeaders) {
+    struct Case {
+        const char* what;
+        uint32_t headerSize;
+        int bits;
+        uint32_t compression;
+        std::vector<uint32_t> masks;
+        Bytes pixels;  // one stored row of two pixels, padded
+        Bytes rgb;     // expected row-planar red, green, blue of the two pixels
+        Bytes alpha;   // expected alpha (255 without an alpha field)
+        int format;
+    };
+    const Case cases[] = {
+        // 5-5-5 by default: 5-bit fields repeat their top bits (10000 -> 10000100).
+        {"16 default", 40, 16, 0, {}, {0xFF, 0x7F, 0x10, 0x42}, {255, 132, 255, 132, 255, 132}, {255, 255}, 1},
+        // Bit fields marked but no room left for the masks before the pixels.
+        {"no masks", 40, 16, 3, {}, {0xFF, 0x7F, 0x10, 0x42}, {255, 132, 255, 132, 255, 132}, {255, 255}, 1},
+        // 5-6-5 masks after a 40-byte header: 6-bit 100000 -> 10000010.
+        {"565", 40, 16, 3, {0xF800, 0x07E0, 0x001F}, {0x00, 0x84, 0x1F, 0x00}, {132, 0, 130, 0, 0, 255},
+         {255, 255}, 1},
+        // 32 bits with no masks: 8-8-8, the top byte is not alpha.
+        {"32 default", 40, 32, 0, {}, {1, 2, 3, 4, 5, 6, 7, 8}, {3, 7, 2, 6, 1, 5}, {255, 255}, 1},
+        // Masks inside a 52-byte header, channels in other places; a
+        // 10-bit field keeps its top 8 bits, a 1-bit field gives 0 or 255.
+        {"52", 52, 32, 3, {0x3FF00000, 0x000FFC00, 0x00000001}, {0x01, 0xFC, 0xFF, 0x3F, 0x00, 0x00, 0x40, 0x00},
+         {255, 1, 255, 0, 255, 0}, {255, 255}, 1},
+        // An alpha mask in a 56-byte header gives colour mode 6.
+        {"56 alpha", 56, 32, 3, {0xFF0000, 0xFF00, 0xFF, 0xFF000000}, {1, 2, 3, 0x80, 5, 6, 7, 0},
+         {3, 7, 2, 6, 1, 5}, {0x80, 0}, 6},
+        // Alpha written as 0 everywhere reads as opaque.
+        {"alpha zero", 124, 32, 3, {0xFF0000, 0xFF00, 0xFF, 0xFF000000}, {1, 2, 3, 0, 5, 6, 7, 0},
+         {3, 7, 2, 6, 1, 5}, {255, 255}, 6},
+        // 4-bit fields of a version 4 header with the alpha variant after
+        // it: 1111 -> 11111111, 1000 -> 10001000.
+        {"4444", 108, 16, 6, {0x0F00, 0x00F0, 0x000F, 0xF000}, {0x00, 0xFF, 0x08, 0x00}, {255, 0, 0, 0, 0, 136},
+         {255, 0}, 6},
+    };
+    for (const Case& k : cases) {
+        FileLayout s;
+        s.width = 2, s.height = 1, s.bits = k.bits, s.compression = k.compression, s.headerSize = k.headerSize;
+        s.masks = k.masks;
+        s.data = k.pixels;
+        const TrueColour t = readTrueColour(put(build(s)));
+        ASSERT_EQ(t.status, 0) << k.what;
+        EXPECT_EQ(t.format, k.format) << k.what;
+        EXPECT_EQ(t.rgb, k.rgb) << k.what;
+        EXPECT_EQ(t.alpha, k.alpha) << k.what;
+    }
+
+    // OS/2 2.x headers of 16 and 64 bytes, and version 5, hold palette images
+    // with 4-byte entries.
+    for (uint32_t headerSize : {16u, 64u, 124u}) {
+        FileLayout s;
+        s.width = 4, s.bits = 8, s.headerSize = headerSize, s.palette = greyPalette(256), s.data = {7, 0, 255, 9};
+        const bmptest::Picture p = readMap(put(build(s)));
+        ASSERT_EQ(p.status, 0) << headerSize;
+        EXPECT_EQ(p.indices, Bytes({7, 0, 255, 9})) << headerSize;
+        EXPECT_EQ(p.g[7], 140) << headerSize;
+    }
+
+    // Refused: bit fields on a palette depth, OS/2 Huffman coding, 64-bit
+    // pixels, embedded JPEG and PNG.
+    const std::tuple<int, uint32_t, uint32_t, int> refused[] = {
+        {8, 3, 40, -156}, {1, 3, 64, -156}, {64, 0, 40, -156}, {24, 4, 124, -156}, {24, 5, 124, -156}};
+    for (auto [bits, compression, headerSize, status] : refused) {
+        FileLayout s;
+        s.bits = bits, s.compression = compression, s.headerSize = headerSize, s.masks = {1, 2, 4};
+        s.data = Bytes(8);
+        EXPECT_EQ(info(put(build(s))), status) << bits << "/" << compression;
+    }
+}
+
+TEST_F(BmpTest, ShortPalettesReadPastTheirEndAsBlack) {
+    FileLayout s;
+    s.width = 4, s.bits = 4, s.coloursUsed = 2, s.palette = {10, 20, 30, 200, 210, 220};
+    s.data = {0x01, 0x9F, 0, 0};
+    const bmptest::Picture p = bmptest::decode(put(build(s)));
+    ASSERT_EQ(p.status, 0);
+    EXPECT_EQ(p.count, 2);
+    EXPECT_EQ(p.rgb, Bytes({10, 200, 0, 0, 20, 210, 0, 0, 30, 220, 0, 0}));
 }
 
 TEST_F(BmpTest, BitmapArrayChainReadsTheLastImage) {
