@@ -1,5 +1,5 @@
 // Arbitrary bytes through every BMP reader: information, map (contiguous and
-// PackByte rows), RGB, bitmap (plain and run-length rows), and the run-length
+// PackByte rows), RGB and RGBA, bitmap (plain and run-length rows), and the run-length
 // row decoder on the raw bytes.
 #include <cstring>
 #include <vector>
@@ -27,6 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     uint8_t* rgb = nullptr;
     if (imageBmp_readToRGB(&rgb, &s, p) == 0) korImage_freeImage(rgb, &s, IMAGEFORMAT_RGB);
+    if (imageBmp_readToRGBA(&rgb, &s, p) == 0) korImage_freeImage(rgb, &s, IMAGEFORMAT_RGBA);
 
     // The row decoder alone: the first byte picks RLE8 or RLE4 and the row
     // width, the rest is run-length data decoded row after row.
