@@ -8,6 +8,8 @@
 #include <cstring>
 
 #include "codecs/native/bmp.h"
+#include "codecs/native/pcx.h"
+#include "codecs/native/sun.h"
 #include "imagelib/geo.h"
 #include "imagelib/io.h"
 #include "imagelib/pixels.h"
@@ -76,16 +78,41 @@ int bmpDecode(const char* path, Decoded& d) {
     return 0;
 }
 
+// PCX for the RGB readers: a palette image, or RGB when the reader gives no
+// colours (three planes of 8 bits).
+int pcxDecode(const char* path, Decoded& d) {
+    ImageSize size{};
+    void* p = nullptr;
+    if (int st = imagePcx_readToMap(&p, &size, d.palette.red, d.palette.green, d.palette.blue, &d.palette.count,
+                                    path, 0, nullptr))
+        return st;
+    d.isMap = d.palette.count != 0;
+    d.image.reset(p, size, d.isMap ? IMAGEFORMAT_MAP : IMAGEFORMAT_RGB);
+    return 0;
+}
+
+// Sun raster for the RGB readers: always a palette image.
+int sunDecode(const char* path, Decoded& d) {
+    ImageSize size{};
+    void* p = nullptr;
+    if (int st = imageSun_readToMap(&p, &size, d.palette.red, d.palette.green, d.palette.blue, &d.palette.count,
+                                    path, 0, nullptr))
+        return st;
+    d.image.reset(p, size, IMAGEFORMAT_MAP);
+    d.isMap = true;
+    return 0;
+}
+
 // The codec step of korImage_readFileToRGB for the types that are not
 // streamed. Types listed without a call have their codec still to come.
 int decodeForRGB(int type, const char* path, Decoded& d) {
     switch (type) {
         case 9: return bmpDecode(path, d);
+        case 5: return pcxDecode(path, d);
+        case 10: return sunDecode(path, d);
         case 0: case 3: case 29:  // TIFF
         case 1: case 16:          // Intergraph RGB
-        case 5:                   // PCX
         case 7:                   // GIF
-        case 10:                  // Sun raster
         case 11: case 12:         // "p" and "a"
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
         case 14: case 15:         // FLI/FLC first frame
@@ -164,10 +191,30 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
             rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
             return 0;
         }
+        case 5: {
+            ImageSize size{};
+            int mode = 0;
+            if (int st = imagePcx_readInfo(&size, &mode, path)) return st;
+            if (mode == COLORMODE_RGB) {
+                trueColour = true;
+                return 0;
+            }
+            void* p = nullptr;
+            if (int st = imagePcx_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, nullptr))
+                return st;
+            rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
+            return 0;
+        }
+        case 10: {
+            ImageSize size{};
+            void* p = nullptr;
+            if (int st = imageSun_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, nullptr))
+                return st;
+            rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
+            return 0;
+        }
         case 0: case 3: case 29:  // TIFF palette reader
-        case 5:                   // PCX
         case 7:                   // GIF
-        case 10:                  // Sun raster
         case 11:                  // "p"
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
         case 14: case 15:         // FLI/FLC
@@ -234,10 +281,10 @@ int korImage_readFileInfo(ImageSize* size, int* colorMode, int* orientation, con
             if (mode != COLORMODE_RGB && mode != COLORMODE_RGBA) mode = COLORMODE_RGB;
             break;
         case 9: st = imageBmp_readInfo(&sz, &mode, path); break;
+        case 5: st = imagePcx_readInfo(&sz, &mode, path); break;
+        case 10: st = imageSun_readInfo(&sz, &mode, path); break;
         case 0: case 3: case 29:  // TIFF
-        case 5:                   // PCX
         case 7:                   // GIF
-        case 10:                  // Sun raster
         case 11: case 12:         // "p" and "a"
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph header
         case 14: case 15:         // FLI/FLC
@@ -433,8 +480,8 @@ int korImage_readFileToBitMap(void** bitmap, ImageSize* size, const char* path, 
     int st;
     switch (type) {
         case 9: st = imageBmp_readToBitMap(bitmap, &sz, runLength, path, stop); break;
+        case 5: st = imagePcx_readToBitMap(bitmap, &sz, runLength, path, stop); break;
         case 0: case 3: case 29:  // TIFF
-        case 5:                   // PCX
         case 13: case 19: case 20: case 23:  // Intergraph
         case 21: case 22:         // fax, CALS
         case 24:                  // RLC

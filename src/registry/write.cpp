@@ -9,6 +9,8 @@
 #include <cstring>
 
 #include "codecs/native/bmp.h"
+#include "codecs/native/pcx.h"
+#include "codecs/native/sun.h"
 #include "imagelib/io.h"
 #include "imagelib/pixels.h"
 #include "imagelib/registry.h"
@@ -50,12 +52,16 @@ int writePalette(const char* path, int type, int colourMode, const ImageSize* si
         case 9:
             return imageBmp_writeFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0,
                                          stop);
+        case 5:
+            return imagePcx_writeFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0,
+                                         stop);
+        case 10:
+            return imageSun_writeFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0,
+                                         stop);
         case 0: case 3: case 29:  // TIFF palette writer (compression argument 0 for type 0, 1 otherwise)
         case 4:                   // PICT
-        case 5:                   // PCX
         case 7:                   // GIF
         case 8:                   // WPG
-        case 10:                  // Sun raster
         case 11:                  // "p"
         case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
         case 14: case 15:         // FLI/FLC
@@ -160,14 +166,14 @@ int korImage_extCreateFileFromRGB(const char* path, int type, int colorMode, con
     switch (type) {
         case 1: case 2: return streamWriteImage(path, type, colorMode, size, rgb, stop);
         case 9: return imageBmp_writeFromRGB(path, rgb, size, colorMode, stop);
+        case 5: return imagePcx_writeFromRGB(path, rgb, size, colorMode, stop);
+        case 10: return imageSun_writeFromRGB(path, rgb, size, colorMode, stop);
         case 0:                   // TIFF, compression forced to 0
         case 3: case 29:          // TIFF, compression passed through
         case 4:                   // PICT
-        case 5:                   // PCX
         case 6:                   // EPS
         case 7:                   // GIF: writable here though not listed for export, on purpose
         case 8:                   // WPG
-        case 10:                  // Sun raster
         case 11: case 12:         // "p" and "a" ("a" is not given the colour mode)
         case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
         case 14: case 15:         // FLI/FLC

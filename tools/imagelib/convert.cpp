@@ -1,6 +1,7 @@
 // imagelib info / imagelib convert
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "cli.h"
@@ -65,6 +66,12 @@ int cmdInfo(const Args& args) {
     if (file.empty()) return usage("info: expected one FILE");
     ImageFileInfo info;
     int st = korImage_readFileInfoEx(&info, file.c_str());
+    if (st == IMGERR_UNSUPPORTEDTYPE && fileTypeOf(file) >= 0) {
+        // A name the library does not know (.ras): the type the CLI gives it.
+        std::memset(&info, 0, sizeof info);
+        info.type = fileTypeOf(file);
+        st = korImage_readFileInfo(&info.size, &info.colorMode, &info.orientation, file.c_str(), info.type);
+    }
     if (st != 0) return failure(file, st);
     char ext[16];
     korImage_getExtension(ext, info.type);
@@ -131,8 +138,8 @@ int cmdConvert(const Args& args) {
     if (out.empty()) return usage("convert: expected IN and OUT");
     const bool pnmOut = type < 0 && isPnmName(out);
     if (!pnmOut && type < 0) {
-        type = korImage_typeFromExtension(out.c_str());
-        if (type < 0) return failure(out, type);
+        type = fileTypeOf(out);
+        if (type < 0) return failure(out, korImage_typeFromExtension(out.c_str()));
     }
     StopFunction stop = progressFunction();
     Image img;

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -260,6 +261,17 @@ int keepTwoColours(const std::string& path, Image& img, StopFunction stop) {
 
 }  // namespace
 
+int fileTypeOf(const std::string& path) {
+    int type = korImage_typeFromFile(path.c_str());
+    if (type < 0) type = korImage_typeFromExtension(path.c_str());
+    if (type >= 0) return type;
+    const size_t dot = path.find_last_of('.'), slash = path.find_last_of('/');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return -1;
+    std::string ext = path.substr(dot + 1);
+    for (char& c : ext) c = char(std::tolower(uint8_t(c)));
+    return ext == "ras" || ext == "sun" ? 10 : -1;
+}
+
 int loadImage(const std::string& path, Image& img, bool forceRGB, StopFunction stop) {
     if (isPnmFile(path)) {
         int st = loadPnm(path, img);
@@ -269,8 +281,18 @@ int loadImage(const std::string& path, Image& img, bool forceRGB, StopFunction s
     void* buf = nullptr;
     int layout = 0, mode = 0;
     ImageSize size{};
+    const int type = fileTypeOf(path);
     int st = korImage_readFileToBuffer(&buf, &layout, &mode, img.red, img.green, img.blue, &img.count, &size,
-                                       path.c_str(), -1, forceRGB ? 1 : 0, stop);
+                                       path.c_str(), type, forceRGB ? 1 : 0, stop);
+    if (st == IMGERR_UNSUPPORTEDTYPE) {
+        // Bilevel files of a type without a bitmap reader (Sun raster) are
+        // read as RGB.
+        uint8_t* rgb = nullptr;
+        st = korImage_readFileToRGB(&rgb, &size, path.c_str(), type, nullptr, stop);
+        buf = rgb;
+        layout = IMAGEFORMAT_RGB;
+        mode = COLORMODE_RGB;
+    }
     if (st < 0) return st;
     img.replace(buf, size, layout);
     img.colorMode = mode;
