@@ -61,11 +61,41 @@ const PeerFile kPeerFiles[] = {
     {"im_rgb565.bmp", "convert", "convert {photo} -define bmp:subtype=RGB565 {out}", nullptr, 0},
     {"im_rgb555.bmp", "convert", "convert {photo} -define bmp:subtype=RGB555 {out}", nullptr, 0},
     {"im_alpha32.bmp", "convert", "convert {photo} -alpha set -channel A -fx 'i/w' +channel {out}", nullptr, 0},
+    // PCX: 8 bits with the palette behind the pixels, 24 bits in three
+    // planes, netpbm's planar and packed forms.
+    {"im_8bit.pcx", "convert", "convert {photo} -colors 200 PCX:{out}", nullptr, 0},
+    {"im_rgb24.pcx", "convert", "convert {photo} -type TrueColor PCX:{out}", nullptr, 0},
+    {"gm_8bit.pcx", "gm", "gm convert {photo} -colors 200 PCX:{out}", "gm convert {out} ppm:-", 0},
+    {"gm_rgb24.pcx", "gm", "gm convert {photo} PCX:{out}", "gm convert {out} ppm:-", 0},
+    {"netpbm_4planes.pcx", "ppmtopcx", "ppmtopcx -planes 4 {few} > {out}", "pcxtoppm {out}", 0},
+    {"netpbm_3planes.pcx", "ppmtopcx", "pnmquant 8 {photo} | ppmtopcx -planes 3 > {out}", "pcxtoppm {out}", 0},
+    {"netpbm_2planes.pcx", "ppmtopcx", "pnmquant 4 {photo} | ppmtopcx -planes 2 > {out}", "pcxtoppm {out}", 0},
+    {"netpbm_packed4.pcx", "ppmtopcx", "ppmtopcx -packed {few} > {out}", "pcxtoppm {out}", 0},
+    {"netpbm_8bit.pcx", "ppmtopcx", "ppmtopcx -8bit {few} > {out}", "pcxtoppm {out}", 0},
+    {"netpbm_rgb24.pcx", "ppmtopcx", "ppmtopcx -24bit {photo} > {out}", "pcxtoppm {out}", 0},
+    // Sun raster, uncompressed and byte-encoded. ImageMagick 6.9 loses the
+    // tail of the last row of netpbm's byte-encoded files, so those are
+    // checked against rasttopnm (GraphicsMagick agrees with it).
+    {"im_8bit.ras", "convert", "convert {photo} -colors 200 SUN:{out}", nullptr, 0},
+    {"im_rle.ras", "convert", "convert {photo} -colors 200 -compress RLE SUN:{out}", nullptr, 0},
+    {"gm_8bit.ras", "gm", "gm convert {photo} -colors 200 SUN:{out}", "gm convert {out} ppm:-", 0},
+    {"netpbm_rle.ras", "pnmtorast", "pnmtorast -rle {few} > {out}", "rasttopnm {out}", 0},
+    {"netpbm_std.ras", "pnmtorast", "pnmtorast -standard {few} > {out}", "rasttopnm {out}", 0},
+    {"netpbm_grey_rle.ras", "pnmtorast", "pnmtorast -rle {grey} > {out}", "rasttopnm {out}", 0},
 };
 
 const OurFile kOurFiles[] = {
     {"ours_rgb.bmp", "photo", "", "convert", nullptr, 0, true},
     {"ours_bw.bmp", "bw", "", "bmptopnm", "bmptopnm {out}", 0, true},
+    // From RGB through an optimised palette: colours move to the optimiser's cell centres.
+    {"ours_256.pcx", "few", "", "pcxtoppm", "pcxtoppm {out}", 0, false},
+    {"ours_16.pcx", "few", "--mode 16", "pcxtoppm", "pcxtoppm {out}", 0, false},
+    {"ours_photo16.pcx", "photo", "--mode 16", "convert", nullptr, 0, false},
+    {"ours_photo256.pcx", "photo", "", "gm", "gm convert {out} ppm:-", 0, false},
+    {"ours_grey.pcx", "grey", "--mode grey", "convert", nullptr, 0, true},
+    {"ours_256.ras", "few", "", "rasttopnm", "rasttopnm {out}", 0, false},
+    {"ours_photo.ras", "photo", "", "convert", nullptr, 0, false},
+    {"ours_grey.ras", "grey", "--mode grey", "rasttopnm", "rasttopnm {out}", 0, true},
 };
 
 // --- pictures ---------------------------------------------------------------
