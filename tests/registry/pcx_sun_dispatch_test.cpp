@@ -41,7 +41,8 @@ TEST_F(PcxSunDispatch, PalettesAndTrueColourReadThroughEveryEntryPoint) {
         int layout = 0, count = 0;
         uint8_t r[256], g[256], b[256];
         ImageSize size{};
-        ASSERT_EQ(korImage_readFileToBuffer(&buf, &layout, &mode, r, g, b, &count, &size, p.c_str(), -1, 0, nullptr), 0);
+        ASSERT_EQ(korImage_readFileToBuffer(&buf, &layout, &mode, r, g, b, &count, &size, p.c_str(), -1, 0, nullptr),
+                  0);
         EXPECT_EQ(layout, IMAGEFORMAT_MAP);
         EXPECT_EQ(Bytes(static_cast<uint8_t*>(buf), static_cast<uint8_t*>(buf) + 4), map);
         EXPECT_EQ(count, 256);

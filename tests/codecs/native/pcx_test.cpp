@@ -255,7 +255,8 @@ TEST_F(PcxTest, BitmapReader) {
     }
     ASSERT_EQ(imagePcx_readToBitMap(&out, &size, 0, put(build(wide)).c_str(), nullptr), 0);
     bits = static_cast<uint8_t*>(out);
-    EXPECT_EQ((Bytes{bits[0], bits[1982], bits[1983], bits[2012], bits[2013 + 5]}), (Bytes{0x11, 0x11, 0x0F, 0x0F, 0x22}));
+    EXPECT_EQ((Bytes{bits[0], bits[1982], bits[1983], bits[2012], bits[2013 + 5]}),
+              (Bytes{0x11, 0x11, 0x0F, 0x0F, 0x22}));
     korImage_freeImage(out, &size, IMAGEFORMAT_BITMAP);
     s.planes = 2;
     EXPECT_EQ(imagePcx_readToBitMap(&out, &size, 0, put(build(s)).c_str(), nullptr), -119);
