@@ -138,7 +138,7 @@ int cmdConvert(const Args& args) {
     if (out.empty()) return usage("convert: expected IN and OUT");
     const bool pnmOut = type < 0 && isPnmName(out);
     if (!pnmOut && type < 0) {
-        type = fileTypeOf(out);
+        type = nameTypeOf(out);
         if (type < 0) return failure(out, korImage_typeFromExtension(out.c_str()));
     }
     StopFunction stop = progressFunction();

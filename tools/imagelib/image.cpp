@@ -262,8 +262,12 @@ int keepTwoColours(const std::string& path, Image& img, StopFunction stop) {
 }  // namespace
 
 int fileTypeOf(const std::string& path) {
-    int type = korImage_typeFromFile(path.c_str());
-    if (type < 0) type = korImage_typeFromExtension(path.c_str());
+    const int type = korImage_typeFromFile(path.c_str());
+    return type >= 0 ? type : nameTypeOf(path);
+}
+
+int nameTypeOf(const std::string& path) {
+    const int type = korImage_typeFromExtension(path.c_str());
     if (type >= 0) return type;
     const size_t dot = path.find_last_of('.'), slash = path.find_last_of('/');
     if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return -1;

@@ -44,10 +44,14 @@ bool isPnmFile(const std::string& path);
 // True when the name asks for PNM output (.ppm, .pam, .pgm, .pbm, .pnm).
 bool isPnmName(const std::string& path);
 
-// The file type of a name: from the contents, then the library's
-// extensions, then the common names the format table does not hold (.ras
-// and .sun for Sun raster); -1 when none fits.
+// The file type of a file: from the contents, else nameTypeOf; -1 when
+// none fits.
 int fileTypeOf(const std::string& path);
+
+// The file type of a name: the library's extensions, then the common names
+// the format table does not hold (.ras and .sun for Sun raster); -1 when
+// none fits.
+int nameTypeOf(const std::string& path);
 
 // Reads a file: PNM by the CLI itself, anything else through the library.
 // forceRGB asks for row-planar RGB whatever the file holds (alpha is kept
