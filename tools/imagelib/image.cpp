@@ -227,10 +227,11 @@ int mirror(Image& img, int mode, StopFunction stop) {
 namespace {
 
 // A bilevel file comes from the library as a bitmap with the palette white,
-// black. When the file's own two colours are something else (or it has a
-// palette of one entry), it is read again as a two-colour palette image
-// with the palette it holds, so that the output shows its colours. A
-// stopped or failed second read keeps the bitmap.
+// black, in the polarity its reader gives. The file is read again as a
+// palette image: a black and white palette rebuilds the bitmap with black
+// pixels set; other colours (or a palette of one entry) make it a
+// two-colour palette image with the palette it holds, so that the output
+// shows the file's colours. A failed second read keeps the bitmap.
 int keepTwoColours(const std::string& path, Image& img, StopFunction stop) {
     uint8_t red[256] = {}, green[256] = {}, blue[256] = {};
     int count = 0;
@@ -240,7 +241,18 @@ int keepTwoColours(const std::string& path, Image& img, StopFunction stop) {
     if (korImage_readFileToMap(&rows, &size, red, green, blue, &count, path.c_str(), -1, nullptr, stop) != 0) return 0;
     auto is = [&](int i, int v) { return red[i] == v && green[i] == v && blue[i] == v; };
     if (count == 2 && ((is(0, 0) && is(1, 255)) || (is(0, 255) && is(1, 0)))) {
+        // Black and white: the bitmap is rebuilt from the indices through the
+        // palette (black pixels set), whatever polarity the reader's bitmap
+        // had.
+        const size_t rowBytes = (size_t(size.x) + 7) / 8;
+        auto* bits = static_cast<uint8_t*>(dlmSystem_korCalloc(rowBytes * size_t(size.y) + 1, 1));
+        uint16_t** runs = nullptr;
+        int st = bits ? korImage_packByteToBitMap(bits, rows, red, green, blue, count, &size, 1) : IMGERR_NOMEMORY;
+        if (st == 0) st = korImage_runLengthEncodeBitMap(&runs, bits, &size);
+        dlmSystem_korFree(bits);
         korImage_freeImage(rows, &size, IMAGEFORMAT_PACKBYTE);
+        if (st != 0) return st;
+        img.replace(runs, size, IMAGEFORMAT_RLEBITMAP);
         return 0;
     }
     const size_t width = size_t(size.x);
