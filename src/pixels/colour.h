@@ -27,6 +27,11 @@ inline uint8_t greyLevelFloat(int r, int g, int b) {
     return uint8_t(int(0.3 * r + 0.59 * g + 0.11 * b + 0.5));
 }
 
+// Grey level of the 8-bit grey writers (BMP, PCX, Sun):
+// trunc(0.11 b + 0.3 r + 0.59 g + 0.5), summed in that order in double
+// precision (the order changes the result at some halves).
+inline uint8_t greyLevelWriter(int r, int g, int b) { return uint8_t(int(0.11 * b + 0.3 * r + 0.59 * g + 0.5)); }
+
 // Gamma table: T[i] = trunc((i / 255) ^ (1 / gamma) * 255 + 0.499999).
 void buildGammaTable(uint8_t table[256], double gamma) noexcept;
 

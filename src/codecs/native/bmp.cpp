@@ -611,9 +611,6 @@ int imageBmp_finishFileHeader(il::File& f, uint32_t dataOffset, uint32_t fileSiz
 
 namespace {
 
-// Grey level of the 8-bit grey writer, its terms summed in this order in
-// double precision (the order changes the result at some halves).
-uint8_t writerGrey(int r, int g, int b) { return uint8_t(int(0.11 * b + 0.3 * r + 0.59 * g + 0.5)); }
 
 // Joins pixels two to a byte, first pixel in the high nibble.
 void joinNibbles(uint8_t* dst, const uint8_t* src, int width) {
@@ -707,7 +704,7 @@ int imageBmp_writeFromRGB(const char* path, const uint8_t* rgb, const ImageSize*
         if (int st = out.begin(path, size, 8, 256, ramp[0], ramp[1], ramp[2])) return st;
         return writeRows(out, size, size_t(w), row.get(), poll, [&](int y, uint8_t* buf) {
             const uint8_t *r = planes(y), *g = r + w, *b = g + w;
-            for (int x = 0; x < w; ++x) buf[x] = writerGrey(r[x], g[x], b[x]);
+            for (int x = 0; x < w; ++x) buf[x] = il::greyLevelWriter(r[x], g[x], b[x]);
             return buf;
         });
     }

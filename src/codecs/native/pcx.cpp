@@ -318,9 +318,6 @@ int imagePcx_readToBitMap(void** bitmap, ImageSize* size, int runLength, const c
 
 namespace {
 
-// Grey level of the grey writer, its terms summed in this order in double
-// precision (the order changes the result at some halves).
-uint8_t writerGrey(int r, int g, int b) { return uint8_t(int(0.11 * b + 0.3 * r + 0.59 * g + 0.5)); }
 
 // Interleaved red, green, blue entries of a palette; entries at or beyond
 // count are zero.
@@ -504,7 +501,7 @@ int imagePcx_writeFromRGB(const char* path, const uint8_t* rgb, const ImageSize*
         const uint8_t *g = r + w, *b = g + w;
         uint8_t* row = indices.get();
         if (grey) {
-            for (int x = 0; x < w; ++x) row[x] = writerGrey(r[x], g[x], b[x]);
+            for (int x = 0; x < w; ++x) row[x] = il::greyLevelWriter(r[x], g[x], b[x]);
         } else {
             korImage_ditherRow(row, r, g, b, w);
         }

@@ -195,9 +195,6 @@ int imageSun_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green
 
 namespace {
 
-// Grey level of the grey writer, its terms summed in this order in double
-// precision (the order changes the result at some halves).
-uint8_t writerGrey(int r, int g, int b) { return uint8_t(int(0.11 * b + 0.3 * r + 0.59 * g + 0.5)); }
 
 bool writableSize(const ImageSize* size) { return size && il::imageBytes(size->x, size->y, 1); }
 
@@ -288,7 +285,7 @@ int imageSun_writeFromRGB(const char* path, const uint8_t* rgb, const ImageSize*
         const uint8_t* r = rgb + size_t(y) * planeRow;
         const uint8_t *g = r + w, *b = g + w;
         if (grey) {
-            for (int x = 0; x < w; ++x) buf[x] = writerGrey(r[x], g[x], b[x]);
+            for (int x = 0; x < w; ++x) buf[x] = il::greyLevelWriter(r[x], g[x], b[x]);
         } else {
             korImage_ditherRow(buf, r, g, b, w);
         }
