@@ -300,7 +300,7 @@ def convert(src, dst, *, type=None, mode=None, quality=None, compression=None, s
                       _progress(progress))
 
 
-def quantize(rgb, colours: int = 256, dither: bool = True):
+def quantize(rgb, *, colours: int = 256, dither: bool = True):
     """Reduces an (h, w, 3) image to at most `colours` colours.
 
     Median cut chooses the palette; with dither the pixels are mapped by error

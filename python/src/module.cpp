@@ -222,46 +222,60 @@ py::array toArray(LibImage& img) {
 
 // ---- formats, types, info --------------------------------------------------------
 
+struct FormatRow {
+    std::string ext, osType, name;
+    bool readable = false, writable = false, alpha = false, hasSupport = false;
+    int support[6] = {};
+};
+
 py::list formats() {
     static const char* kKeys[6] = {"defaultMode", "rgb", "palette256", "palette16", "grey", "bilevel"};
+    std::vector<FormatRow> rows(IMAGELIB_FILETYPE_COUNT);
+    {
+        py::gil_scoped_release nogil;  // the names come from the message catalogue
+        for (int type = 0; type < IMAGELIB_FILETYPE_COUNT; ++type) {
+            FormatRow& r = rows[size_t(type)];
+            char ext[16];
+            korImage_getExtension(ext, type);
+            r.ext = ext;
+            uint32_t os = 0;
+            korImage_getOSFileType(&os, type);
+            for (int s = 24; s >= 0; s -= 8) r.osType += char((os >> s) & 0xFF);
+            char text[IMAGELIB_TEXT_MAX];
+            int t;
+            for (int i = 0; i < IMAGELIB_IMPORT_LIST_ROWS; ++i)
+                if (korImage_getImportFormat(text, &t, i) == 0 && t == type) {
+                    r.readable = true;
+                    r.name = text;
+                }
+            for (int i = 0; i < IMAGELIB_EXPORT_LIST_ROWS; ++i)
+                if (korImage_getExportFormat(text, &t, i) == 0 && t == type) {
+                    r.writable = true;
+                    if (r.name.empty()) r.name = text;
+                }
+            int* v = r.support;
+            r.hasSupport = korImage_getExportSupport(&v[0], &v[1], &v[2], &v[3], &v[4], &v[5], type) == 0;
+            r.alpha = korImage_alphaExportSupported(type) != 0;
+        }
+    }
     py::list out;
     for (int type = 0; type < IMAGELIB_FILETYPE_COUNT; ++type) {
-        char ext[16];
-        korImage_getExtension(ext, type);
-        uint32_t os = 0;
-        korImage_getOSFileType(&os, type);
-        std::string osType;
-        for (int s = 24; s >= 0; s -= 8) osType += char((os >> s) & 0xFF);
-        std::string name;
-        bool readable = false, writable = false;
-        char text[IMAGELIB_TEXT_MAX];
-        int t;
-        for (int i = 0; i < IMAGELIB_IMPORT_LIST_ROWS; ++i)
-            if (korImage_getImportFormat(text, &t, i) == 0 && t == type) {
-                readable = true;
-                name = text;
-            }
-        for (int i = 0; i < IMAGELIB_EXPORT_LIST_ROWS; ++i)
-            if (korImage_getExportFormat(text, &t, i) == 0 && t == type) {
-                writable = true;
-                if (name.empty()) name = text;
-            }
-        int s[6];
+        const FormatRow& r = rows[size_t(type)];
         py::object support = py::none();
-        if (korImage_getExportSupport(&s[0], &s[1], &s[2], &s[3], &s[4], &s[5], type) == 0) {
+        if (r.hasSupport) {
             py::dict d;
-            for (int i = 0; i < 6; ++i) d[kKeys[i]] = s[i];
+            for (int i = 0; i < 6; ++i) d[kKeys[i]] = r.support[i];
             support = d;
         }
         py::dict row;
         row["type"] = type;
-        row["extension"] = std::string(ext);
-        row["osType"] = osType;
-        row["readable"] = readable;
-        row["writable"] = writable;
+        row["extension"] = r.ext;
+        row["osType"] = r.osType;
+        row["readable"] = r.readable;
+        row["writable"] = r.writable;
         row["exportSupport"] = support;
-        row["alpha"] = korImage_alphaExportSupported(type) != 0;
-        row["name"] = name;
+        row["alpha"] = r.alpha;
+        row["name"] = r.name;
         out.append(row);
     }
     return out;
@@ -405,7 +419,10 @@ struct Target {
 Target targetOf(const std::string& path, int type) {
     Target t{type, type < 0 && cli::isPnmName(path)};
     if (!t.pnm && t.type < 0) {
-        t.type = korImage_typeFromExtension(path.c_str());
+        {
+            py::gil_scoped_release nogil;  // may read an Intergraph header
+            t.type = korImage_typeFromExtension(path.c_str());
+        }
         if (t.type < 0) fail(t.type, path);
     }
     return t;
@@ -594,7 +611,10 @@ public:
     RowFile(const RowFile&) = delete;
     RowFile& operator=(const RowFile&) = delete;
     ~RowFile() {
-        if (ctx_) korImage_closeFile(ctx_);
+        if (ctx_) {
+            py::gil_scoped_release nogil;
+            korImage_closeFile(ctx_);
+        }
     }
 
     py::tuple size() const { return py::make_tuple(size_.x, size_.y); }

@@ -191,5 +191,5 @@ def test_pixel_operations():
         assert len(p) == 8 and getattr(np.abs(p[i].astype(int) - pal[few]), worst)() < 8
     i, p = imagelib.quantize(rgb, colours=16)
     assert i.shape == rgb.shape[:2] and len(p) <= 16 and i.max() < len(p)
-    near = np.abs(p[imagelib.quantize(rgb, 16, dither=False)[0]].astype(int) - rgb).mean()
+    near = np.abs(p[imagelib.quantize(rgb, colours=16, dither=False)[0]].astype(int) - rgb).mean()
     assert near < 40
