@@ -46,8 +46,9 @@ def status_text(status: int) -> str:
 class ImagelibError(OSError):
     """A failed library operation.
 
-    ``status`` is the library's status code (negative; a few operations of the
-    library report a positive code), ``str(e)`` the library's text for it and
+    ``status`` is the library's negative status code (the few failures some
+    readers report with a positive code come as their negative equivalents:
+    -113, -154, -116, -111), ``str(e)`` the library's text for it and
     ``filename`` the file concerned, when there is one. Bad arguments raise
     the subclass that is also a ValueError (status -126).
     """

@@ -78,11 +78,19 @@ public:
     StopFunction stop() const { return state_.fn ? &callProgress : nullptr; }
     bool stopped() const { return state_.stopped; }
     // With the GIL held after the library returned: re-raises the
-    // callable's exception; a positive answer after a stop becomes -144.
+    // callable's exception; a positive answer after a stop becomes -144, and
+    // the few positive failures some readers and writers report (kept so in
+    // the library) become their negative equivalents.
     int finish(int status) const {
         if (state_.raised) throw py::error_already_set();
         if (status > 0 && state_.stopped) return IMGERR_STOPPED;
-        return status;
+        switch (status) {
+            case IMGSTAT_STREAM_STOPPED: return IMGERR_OPENFAILED;  // not stopped: the file did not open
+            case IMGSTAT_NO_HANDLER: return IMGERR_BADFILE;         // unreadable header
+            case IMGSTAT_NO_ROW_BUFFER: return IMGERR_NOMEMORY;
+            case IMGSTAT_NO_BACKGROUND: return IMGERR_WRITEFAILED;  // short write
+            default: return status;
+        }
     }
 
 private:

@@ -119,8 +119,11 @@ def test_refusals_raise_with_the_library_status(tmp_path):
     rgb = picture()
     (tmp_path / "junk.dat").write_bytes(b"not an image at all" * 10)
     (tmp_path / "short.bmp").write_bytes(b"BM" + bytes(10))
+    (tmp_path / "short.tga").write_bytes(bytes(5))
     cases = [
         (lambda: imagelib.read(tmp_path / "missing.bmp"), -113),
+        (lambda: imagelib.read(tmp_path / "missing.tga"), -113),  # the Targa reader answers 1
+        (lambda: imagelib.read(tmp_path / "short.tga"), None),
         (lambda: imagelib.read(tmp_path / "junk.dat"), -126),  # no detector, unknown extension
         (lambda: imagelib.read(tmp_path / "short.bmp"), None),
         (lambda: imagelib.write(tmp_path / "x.hmr", rgb), -119),  # a registry row without a writer
