@@ -464,6 +464,7 @@ void convert(const std::string& in, const std::string& out, int type, int mode, 
         if (c.size() != 4) fail(IMGERR_BADARG);
         for (int i = 0; i < 4; ++i) rect[i] = double(c[i].cast<int>());
     }
+    const bool cropping = !crop.is_none(), resampling = !size.is_none();
     Progress prog(progress);
     cli::Image img;
     int st;
@@ -472,8 +473,8 @@ void convert(const std::string& in, const std::string& out, int type, int mode, 
         py::gil_scoped_release nogil;
         StopFunction stop = prog.stop();
         st = cli::loadImage(in, img, false, stop);
-        if (st == 0 && !crop.is_none()) st = cli::crop(img, rect, stop);
-        if (st == 0 && !size.is_none()) st = cli::resize(img, to, stop);
+        if (st == 0 && cropping) st = cli::crop(img, rect, stop);
+        if (st == 0 && resampling) st = cli::resize(img, to, stop);
         if (st == 0 && angle) st = cli::rotate(img, angle, stop);
         if (st == 0 && mirrorMode >= 0) st = cli::mirror(img, mirrorMode, stop);
         if (st == 0) {
