@@ -305,6 +305,13 @@ py::dict info(const std::string& path) {
     {
         py::gil_scoped_release nogil;
         st = korImage_readFileInfoEx(&fi, path.c_str());
+        const int named = st == IMGERR_UNSUPPORTEDTYPE ? cli::fileTypeOf(path) : -1;
+        if (named >= 0) {
+            // A name the library does not know (.ras): the type the CLI gives it.
+            std::memset(&fi, 0, sizeof fi);
+            fi.type = named;
+            st = korImage_readFileInfo(&fi.size, &fi.colorMode, &fi.orientation, path.c_str(), named);
+        }
     }
     if (st != 0) fail(st, path);
     char ext[16];
@@ -325,7 +332,12 @@ py::dict info(const std::string& path) {
 // layout 0: as stored (korImage_readFileToBuffer), 1: RGB, 2: RGBA.
 // Returns (pixels, palette or None, colour mode, file type).
 py::tuple readImage(const std::string& path, int layout, const py::object& size, const py::object& progress) {
-    const int type = fileType(path);
+    int type;
+    {
+        py::gil_scoped_release nogil;
+        type = cli::fileTypeOf(path);  // as the CLI: contents, then the name (.ras too)
+    }
+    if (type < 0) type = fileType(path);  // raises with the library's status
     ImageSize requested{};
     const bool resample = !size.is_none();
     if (resample) requested = sizeArg(size.cast<py::tuple>());
@@ -353,6 +365,14 @@ py::tuple readImage(const std::string& path, int layout, const py::object& size,
             default:
                 st = korImage_readFileToBuffer(&buf, &img.layout, &mode, red, green, blue, &count, &img.size,
                                                path.c_str(), type, 0, prog.stop());
+                if (st == IMGERR_UNSUPPORTEDTYPE) {
+                    // Bilevel files of a type without a bitmap reader: RGB.
+                    count = 0;
+                    st = korImage_readFileToRGB(reinterpret_cast<uint8_t**>(&buf), &img.size, path.c_str(), type,
+                                                nullptr, prog.stop());
+                    img.layout = IMAGEFORMAT_RGB;
+                    mode = COLORMODE_RGB;
+                }
         }
         if (st >= 0) img.p = buf;  // a stopped streamed read still hands its rows out
     }
@@ -427,11 +447,13 @@ struct Target {
 Target targetOf(const std::string& path, int type) {
     Target t{type, type < 0 && cli::isPnmName(path)};
     if (!t.pnm && t.type < 0) {
+        int st = 0;
         {
             py::gil_scoped_release nogil;  // may read an Intergraph header
-            t.type = korImage_typeFromExtension(path.c_str());
+            t.type = cli::nameTypeOf(path);
+            if (t.type < 0) st = korImage_typeFromExtension(path.c_str());
         }
-        if (t.type < 0) fail(t.type, path);
+        if (t.type < 0) fail(st, path);
     }
     return t;
 }
