@@ -104,7 +104,7 @@ def test_formats_and_info_equal_the_cli(tmp_path, cli):
     ({"mode": "256", "crop": (3, 2, 30, 20)}, ["--mode", "256", "--crop", "3,2,30,20"]),
     ({"mode": "grey", "type": 9, "mirror": "v"}, ["--mode", "grey", "--type", "9", "--mirror", "v"]),
 ])
-@pytest.mark.parametrize("out", ["o.bmp", "o.tga", "o.ppm"])
+@pytest.mark.parametrize("out", ["o.bmp", "o.tga", "o.ppm", "o.pcx", "o.ras"])
 def test_convert_writes_the_cli_bytes(tmp_path, cli, options, args, out):
     src = tmp_path / "src.tga"
     imagelib.write(src, picture(61, 47))
