@@ -11,9 +11,15 @@ imagelib_install_deps test
 jobs=$(nproc 2>/dev/null || echo 2)
 
 echo "== build and test"
-cmake -S . -B build/test -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S . -B build/test -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPython3_EXECUTABLE=/usr/bin/python3 >/dev/null
 cmake --build build/test -j"$jobs"
-ctest --test-dir build/test --output-on-failure -j"$jobs"
+ctest --test-dir build/test --output-on-failure -j"$jobs" -LE python
+
+if [ -d build/test/python/imagelib ]; then
+  echo "== python module"
+  PYTHONPATH=build/test/python IMAGELIB_CLI=build/test/imagelib KV_KOR=data \
+    /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
+fi
 
 echo "== install and consume"
 scripts/check_install.sh build/test build/prefix

@@ -32,4 +32,11 @@ KV_KOR="" "$work/consumer-pc" "$prefix/share/imagelib/imagemsg.rsc"
 cmake -S "$root/tests/consumer" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake" >/dev/null
 "$work/cmake/consumer" "$prefix/share/imagelib/imagemsg.rsc"
+
+# The Python package, when it was built: imported from the prefix alone.
+pkg=$(find "$prefix" -path '*/imagelib/_imagelib*.so' | head -n 1)
+if [ -n "$pkg" ]; then
+  PYTHONPATH=$(dirname "$(dirname "$pkg")") /usr/bin/python3 -c \
+    'import imagelib, sys; assert len(imagelib.formats()) == 42; print("python package:", imagelib.__file__)'
+fi
 echo "install check passed: $prefix ($soname)"

@@ -41,6 +41,14 @@ IMAGELIB_API int korImage_closeFile(ImageFileContext* ctx) IMAGELIB_NOEXCEPT;
 /* The caller's row size of an open file. */
 IMAGELIB_API int korImage_getImageSize(ImageSize* size, const ImageFileContext* ctx) IMAGELIB_NOEXCEPT;
 
+/* How the rows of an open file are stored: *orientation receives the
+   orientation code, whose bits 0-1 are 2 when the rows are stored bottom-up
+   (korImage_getRow then hands out, and korImage_putRow takes, the bottom row
+   of the picture first); *alpha is 1 when the rows carry an alpha plane.
+   Either pointer may be null. 0, or IMGERR_BADARG for a null context. */
+IMAGELIB_API int imagelib_getFileLayout(const ImageFileContext* ctx, int* orientation,
+                                        int* alpha) IMAGELIB_NOEXCEPT;
+
 /* The stored size of the file at path (opened and closed again). */
 IMAGELIB_API int korImage_getFileSize(ImageSize* size, const char* path) IMAGELIB_NOEXCEPT;
 

@@ -365,6 +365,13 @@ int korImage_getImageSize(ImageSize* size, const ImageFileContext* c) noexcept {
     return 0;
 }
 
+int imagelib_getFileLayout(const ImageFileContext* c, int* orientation, int* alpha) noexcept {
+    if (!c) return IMGERR_BADARG;
+    if (orientation) *orientation = c->orientation;
+    if (alpha) *alpha = c->alpha ? 1 : 0;
+    return 0;
+}
+
 int korImage_getFileSize(ImageSize* size, const char* path) noexcept {
     int s = 0;
     ImageFileContext* c = korImage_openFile(&s, nullptr, path);

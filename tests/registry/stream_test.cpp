@@ -43,6 +43,9 @@ TEST(StreamRows, UnscaledRowsAndRowCounter) {
     EXPECT_EQ(status, 0);
     EXPECT_EQ(c->scaling, 0);  // a requested size equal to the file's
     EXPECT_EQ(il::stream::orientationBits(c), il::stream::kRowsBottomUp);
+    int orientation = -1, alpha = -1;
+    EXPECT_EQ(imagelib_getFileLayout(c, &orientation, &alpha), 0);
+    EXPECT_EQ(std::pair(orientation & 3, alpha), std::pair(il::stream::kRowsBottomUp, 1));
     Planar back = img;
     for (int r = 3; r >= 0; --r) {
         EXPECT_EQ(c->row, 2 - r);
