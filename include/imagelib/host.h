@@ -43,6 +43,17 @@ typedef struct ImageHost {
        Returns 0 and stores the command's answer in *result when the command
        ran; IMGERR_NOHOSTCOMMAND when no host application serves commands. */
     int (*callCommand)(const char* command, const void* arg1, const void* arg2, int* result);
+    /* Host programs, by name (the base name of the program's path): how
+       many of that name are loaded (0 or 1); load the program at path with
+       an argument (0, or a status; IMGERR_UNSUPPORTEDTYPE when the host
+       cannot load programs); unload it (0 or IMGERR_NOTFOUND); look up a
+       named value of a loaded program (0 and the value, or a status). The
+       standalone defaults open shared objects with dlopen and look values up
+       with dlsym. */
+    int (*programCount)(const char* name);
+    int (*loadProgram)(const char* path, const char* argument);
+    int (*unloadProgram)(const char* name);
+    int (*programValue)(void** value, const char* valueName, const char* program);
 } ImageHost;
 
 /* Installs host services; null members keep (or restore) the defaults.
@@ -101,6 +112,27 @@ IMAGELIB_API int imageHost_callCommand(const char* command, const void* arg) IMA
    formatted with arg when arg is nonzero. 0 on success; the answers -121
    and -742 of the host count as success. */
 IMAGELIB_API int imageUtil_showStatus(int number, int arg) IMAGELIB_NOEXCEPT;
+
+/* Host programs (see ImageHost). A program that draws PMA images exports
+   "<name>_displayProcedure" of type ImageDisplayProcedure, where <name> is
+   the base name of its file (the program "/x/maps.pma" exports
+   "maps_displayProcedure"). Called with rgb null it stores the image's
+   width and height in *size; called with a buffer of size->x * size->y * 3
+   bytes it draws the image into it as row-planar RGB (per row x red, x
+   green, x blue bytes), calling progress (when not null) with (rows, row)
+   before each row and stopping when it answers nonzero. It returns 0 or a
+   library status. */
+typedef int (*ImageDisplayProcedure)(uint8_t* rgb, ImageSize* size, StopFunction progress);
+
+/* The number of loaded host programs called name (0 or 1). */
+IMAGELIB_API int korSystem_getTaskStatistics(const char* name) IMAGELIB_NOEXCEPT;
+/* Loads the host program at path, giving it argument. 0 or a status. */
+IMAGELIB_API int korSystem_loadKorProgram(const char* path, const char* argument) IMAGELIB_NOEXCEPT;
+/* Unloads the host program called name. 0 or IMGERR_NOTFOUND. */
+IMAGELIB_API int korSystem_unloadKorProgram(const char* name) IMAGELIB_NOEXCEPT;
+/* Looks up the value named expression in the loaded program called
+   program: 0 and the value in *value, or a status (IMGERR_NOTFOUND). */
+IMAGELIB_API int korCExpression_getValue(void** value, const char* expression, const char* program) IMAGELIB_NOEXCEPT;
 
 IMAGELIB_EXTERN_C_END
 

@@ -32,7 +32,9 @@ int defCallCommand(const char*, const void*, const void*, int*) { return IMGERR_
 
 
 const ImageHost kDefaults = {defMalloc, defCalloc, defFree, defScratchMalloc, defScratchFree,
-                             defGetCfgVar, nullptr, defCallStop, defCallCommand};
+                             defGetCfgVar, nullptr, defCallStop, defCallCommand,
+                             il::host::defaultProgramCount, il::host::defaultLoadProgram,
+                             il::host::defaultUnloadProgram, il::host::defaultProgramValue};
 
 ImageHost g_host = kDefaults;
 
@@ -57,6 +59,10 @@ void imagelib_setHost(const ImageHost* h) noexcept {
         KEEP(loadString);
         KEEP(callStop);
         KEEP(callCommand);
+        KEEP(programCount);
+        KEEP(loadProgram);
+        KEEP(unloadProgram);
+        KEEP(programValue);
 #undef KEEP
     }
     g_host = next;

@@ -12,6 +12,13 @@ namespace il::host {
 // The services in use: the defaults with whatever imagelib_setHost replaced.
 const ImageHost& active();
 
+// The standalone program loader (dlopen and dlsym), the defaults of the
+// program members of ImageHost.
+int defaultProgramCount(const char* name);
+int defaultLoadProgram(const char* path, const char* argument);
+int defaultUnloadProgram(const char* name);
+int defaultProgramValue(void** value, const char* valueName, const char* program);
+
 // The catalogue seam for tests and start-up: load the catalogue from a file
 // (replacing the one in use); an empty path or a file that cannot be read
 // or parsed leaves the library without messages. Returns true when loaded.

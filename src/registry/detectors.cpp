@@ -11,6 +11,7 @@
 // match.
 #include <cstring>
 
+#include "codecs/native/pa.h"
 #include "imagelib/types.h"
 #include "internal/bytes.h"
 #include "internal/file.h"
@@ -54,8 +55,8 @@ int detectTiffByteOrder(const char* path, int) {
 // ---- Hooks for header readers that later codecs provide -----------------
 
 // The "p" and "a" raster header readers.
-int detectPHeader(const char*, int) { return IMGERR_UNSUPPORTEDTYPE; }
-int detectAHeader(const char*, int) { return IMGERR_UNSUPPORTEDTYPE; }
+int detectPHeader(const char* path, int) { return imageP_detect(path) ? 0 : IMGERR_BADFILE; }
+int detectAHeader(const char* path, int) { return imageA_detect(path) ? 0 : IMGERR_BADFILE; }
 
 // The JPEG header reader.
 int detectJpegHeader(const char*, int) { return IMGERR_UNSUPPORTEDTYPE; }

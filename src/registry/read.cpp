@@ -10,6 +10,8 @@
 #include "codecs/native/bmp.h"
 #include "codecs/native/pcx.h"
 #include "codecs/native/sun.h"
+#include "codecs/native/pa.h"
+#include "codecs/native/pma.h"
 #include "imagelib/geo.h"
 #include "imagelib/io.h"
 #include "imagelib/pixels.h"
@@ -103,6 +105,38 @@ int sunDecode(const char* path, Decoded& d) {
     return 0;
 }
 
+// "p": a map.
+int pDecode(const char* path, Decoded& d) {
+    void* p = nullptr;
+    ImageSize size{};
+    int st = imageP_readToMap(&p, &size, d.palette.red, d.palette.green, d.palette.blue, &d.palette.count, path, 0,
+                              nullptr);
+    if (st != 0) return st;
+    d.image.reset(p, size, IMAGEFORMAT_MAP);
+    d.isMap = true;
+    return 0;
+}
+
+// "a": RGB.
+int aDecode(const char* path, Decoded& d) {
+    uint8_t* rgb = nullptr;
+    ImageSize size{};
+    if (int st = imageA_readToRGB(&rgb, &size, path, nullptr)) return st;
+    d.image.reset(rgb, size, IMAGEFORMAT_RGB);
+    return 0;
+}
+
+// PMA: the program draws at the requested size, or at its own (-1, -1 asks
+// for it). A positive answer of the program is taken as a stop.
+int pmaDecode(const char* path, const ImageSize* requested, StopFunction stop, Decoded& d) {
+    ImageSize size = requested ? *requested : ImageSize{-1, -1};
+    uint8_t* rgb = nullptr;
+    int st = imagePma_readToRGB(&rgb, &size, path, stop);
+    if (st != 0) return st < 0 ? st : IMGERR_STOPPED;
+    d.image.reset(rgb, size, IMAGEFORMAT_RGB);
+    return 0;
+}
+
 // The codec step of korImage_readFileToRGB for the types that are not
 // streamed. Types listed without a call have their codec still to come.
 int decodeForRGB(int type, const char* path, Decoded& d) {
@@ -113,13 +147,14 @@ int decodeForRGB(int type, const char* path, Decoded& d) {
         case 0: case 3: case 29:  // TIFF
         case 1: case 16:          // Intergraph RGB
         case 7:                   // GIF
-        case 11: case 12:         // "p" and "a"
+        case 11: return pDecode(path, d);
+        case 12: return aDecode(path, d);
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
         case 14: case 15:         // FLI/FLC first frame
         case 18:                  // JPEG
         case 21: case 22:         // fax, CALS
         case 24:                  // RLC
-        case 27:                  // PMA
+        case 27:                  // PMA: drawn at the requested size, see pmaDecode
         case 28:                  // PNG
         default: return IMGERR_UNSUPPORTEDTYPE;
     }
@@ -154,7 +189,7 @@ int readRGB(OwnedImage& img, const char* path, int type, const ImageSize* reques
         return st;
     }
     Decoded d;
-    if (int st = decodeForRGB(type, path, d)) return st;
+    if (int st = type == 27 ? pmaDecode(path, requested, stop, d) : decodeForRGB(type, path, d)) return st;
     if (d.isMap) {
         uint8_t* rgb = nullptr;
         ImageSize size = d.image.size();
@@ -215,7 +250,14 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
         }
         case 0: case 3: case 29:  // TIFF palette reader
         case 7:                   // GIF
-        case 11:                  // "p"
+        case 11: {
+            void* p = nullptr;
+            ImageSize size{};
+            if (int st = imageP_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, nullptr))
+                return st;
+            rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
+            return 0;
+        }
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
         case 14: case 15:         // FLI/FLC
         case 18:                  // JPEG (grey files as 256 levels)
@@ -285,13 +327,14 @@ int korImage_readFileInfo(ImageSize* size, int* colorMode, int* orientation, con
         case 10: st = imageSun_readInfo(&sz, &mode, path); break;
         case 0: case 3: case 29:  // TIFF
         case 7:                   // GIF
-        case 11: case 12:         // "p" and "a"
+        case 11: st = imageP_readInfo(&sz, &mode, path); break;
+        case 12: st = imageA_readInfo(&sz, &mode, path); break;
+        case 27: st = imagePma_open(&sz, &mode, path); break;
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph header
         case 14: case 15:         // FLI/FLC
         case 18:                  // JPEG
         case 21: case 22:         // fax, CALS
         case 24:                  // RLC
-        case 27:                  // PMA
         case 28:                  // PNG
         default: st = IMGERR_UNSUPPORTEDTYPE; break;
     }

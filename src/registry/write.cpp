@@ -11,6 +11,7 @@
 #include "codecs/native/bmp.h"
 #include "codecs/native/pcx.h"
 #include "codecs/native/sun.h"
+#include "codecs/native/pa.h"
 #include "imagelib/io.h"
 #include "imagelib/pixels.h"
 #include "imagelib/registry.h"
@@ -62,7 +63,8 @@ int writePalette(const char* path, int type, int colourMode, const ImageSize* si
         case 4:                   // PICT
         case 7:                   // GIF
         case 8:                   // WPG
-        case 11:                  // "p"
+        case 11:
+            return imageP_writeFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0, stop);
         case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
         case 14: case 15:         // FLI/FLC
         case 18:                  // JPEG
@@ -174,7 +176,8 @@ int korImage_extCreateFileFromRGB(const char* path, int type, int colorMode, con
         case 6:                   // EPS
         case 7:                   // GIF: writable here though not listed for export, on purpose
         case 8:                   // WPG
-        case 11: case 12:         // "p" and "a" ("a" is not given the colour mode)
+        case 11: return imageP_writeFromRGB(path, rgb, size, colorMode, stop);
+        case 12: return imageA_writeFromRGB(path, rgb, size, stop);  // not given the colour mode
         case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
         case 14: case 15:         // FLI/FLC
         case 18:                  // JPEG with quality jpegQuality(compression), grey for mode 4
