@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "imagelib/host.h"
@@ -183,7 +184,7 @@ int imageP_writeFromRGB(const char* path, const uint8_t* rgb, const ImageSize* s
 
     uint8_t red[256] = {}, green[256] = {}, blue[256] = {};
     int count = 0;
-    il::DitherJob job;  // ends the dither job on every return
+    std::optional<il::DitherJob> job;  // the palette formats end their dither job on every return
     if (grey) {
         for (int i = 0; i < 256; ++i) red[i] = green[i] = blue[i] = uint8_t(i);
         count = 256;
@@ -191,6 +192,7 @@ int imageP_writeFromRGB(const char* path, const uint8_t* rgb, const ImageSize* s
         const int wanted = imageFormat == COLORMODE_PALETTE16 ? 16 : 256;
         if (korImage_getOptimizedPalette(red, green, blue, &count, wanted, rgb, size, stop)) return 1;
         if (count <= 0) return IMGERR_NOMEMORY;  // the optimiser could not get its working memory
+        job.emplace();
         if (int st = korImage_ditherInitialize(count, red, green, blue, w)) return st;
     }
 
