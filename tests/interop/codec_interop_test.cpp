@@ -105,6 +105,9 @@ const OurFile kOurFiles[] = {
     {"ours_256.ras", "few", "", "rasttopnm", "rasttopnm {out}", 0, false},
     {"ours_photo.ras", "photo", "", "convert", nullptr, 0, false},
     {"ours_grey.ras", "grey", "--mode grey", "rasttopnm", "rasttopnm {out}", 0, true},
+    // "a" planes as raw grey images, combined by ImageMagick.
+    {"ours_planes.a", "photo", "", "convert",
+     "f={out}; convert -size 61x43 -depth 8 gray:${f%.a}.r gray:${f%.a}.g gray:${f%.a}.b -combine pam:-", 0, true},
 };
 
 // --- pictures ---------------------------------------------------------------
