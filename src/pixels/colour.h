@@ -27,7 +27,7 @@ inline uint8_t greyLevelFloat(int r, int g, int b) {
     return uint8_t(int(0.3 * r + 0.59 * g + 0.11 * b + 0.5));
 }
 
-// Grey level of the 8-bit grey writers (BMP, PCX, Sun):
+// Grey level of the 8-bit grey writers (BMP, PCX, Sun, "p"):
 // trunc(0.11 b + 0.3 r + 0.59 g + 0.5), summed in that order in double
 // precision (the order changes the result at some halves).
 inline uint8_t greyLevelWriter(int r, int g, int b) { return uint8_t(int(0.11 * b + 0.3 * r + 0.59 * g + 0.5)); }

@@ -17,6 +17,7 @@
 #include "internal/checked.h"
 #include "internal/file.h"
 #include "internal/scratch.h"
+#include "pixels/colour.h"
 #include "pixels/dither.h"
 #include "pixels/rows.h"
 
@@ -103,9 +104,6 @@ bool writePHeader(il::File& f, unsigned width, unsigned height, unsigned colours
 bool fitsP(const ImageSize* size, unsigned colours) {
     return unsigned(size->x) <= kPMaxField && unsigned(size->y) <= kPMaxField && colours <= kPMaxField;
 }
-
-// The grey level of the "p" writer.
-uint8_t pGrey(int r, int g, int b) { return uint8_t(int(0.11 * b + 0.3 * r + 0.59 * g + 0.5)); }
 
 // --- "a" header ----------------------------------------------------------------
 
@@ -205,7 +203,7 @@ int imageP_writeFromRGB(const char* path, const uint8_t* rgb, const ImageSize* s
         const uint8_t* r = rgb + planeRow * size_t(y);
         const uint8_t *g = r + w, *b = g + w;
         if (grey) {
-            for (int x = 0; x < w; ++x) row[size_t(x)] = pGrey(r[x], g[x], b[x]);
+            for (int x = 0; x < w; ++x) row[size_t(x)] = il::greyLevelWriter(r[x], g[x], b[x]);
         } else {
             korImage_ditherRow(row.get(), r, g, b, w);
         }
