@@ -8,6 +8,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 CC=clang CXX=clang++ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIMAGELIB_FUZZ=ON >/dev/null
 targets=$(cd "$root/fuzz" && ls fuzz_*.cpp | sed "s/\.cpp$//")
 cmake --build "$build" -j"$(nproc 2>/dev/null || echo 2)" --target $targets
+# The harnesses read their input from a file: keep it in memory when we can.
+if [ -z "${TMPDIR:-}" ] && [ -d /dev/shm ] && [ -w /dev/shm ]; then export TMPDIR=/dev/shm; fi
 for h in "$build"/fuzz/fuzz_*; do
   [ -x "$h" ] || continue
   name=$(basename "$h")
