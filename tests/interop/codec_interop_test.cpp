@@ -105,6 +105,9 @@ const OurFile kOurFiles[] = {
     {"ours_256.ras", "few", "", "rasttopnm", "rasttopnm {out}", 0, false},
     {"ours_photo.ras", "photo", "", "convert", nullptr, 0, false},
     {"ours_grey.ras", "grey", "--mode grey", "rasttopnm", "rasttopnm {out}", 0, true},
+    {"ours_few.flc", "few", "", "ffmpeg", "ffmpeg -v error -i {out} -frames:v 1 -f image2pipe -vcodec ppm -", 0, true},
+    {"ours_photo.flc", "photo", "", "ffmpeg", "ffmpeg -v error -i {out} -frames:v 1 -f image2pipe -vcodec ppm -", 0,
+     false},
 };
 
 // --- pictures ---------------------------------------------------------------

@@ -656,6 +656,36 @@ void encodeColour(Sink& s, const uint8_t* prev, const uint8_t* cur, bool full, b
     s.end(at);
 }
 
+// The distinct colours of a row-planar RGB image when there are at most
+// `wanted`: the palette and every pixel's index (into map). False when there
+// are more.
+bool exactPalette(const uint8_t* rgb, int w, int h, int wanted, uint8_t* red, uint8_t* green, uint8_t* blue,
+                  int* count, uint8_t* map) {
+    constexpr int kSlots = 1024;  // open addressing, at most 256 in use
+    uint32_t keys[kSlots];
+    uint16_t index[kSlots];
+    std::fill(keys, keys + kSlots, UINT32_MAX);
+    int n = 0;
+    for (int y = 0; y < h; ++y) {
+        const uint8_t* r = rgb + size_t(y) * 3 * w;
+        for (int x = 0; x < w; ++x) {
+            const uint32_t key = uint32_t(r[x]) << 16 | uint32_t(r[w + x]) << 8 | r[2 * w + x];
+            uint32_t slot = (key * 2654435761u) >> 22;
+            while (keys[slot] != key && keys[slot] != UINT32_MAX) slot = (slot + 1) & (kSlots - 1);
+            if (keys[slot] == UINT32_MAX) {
+                if (n == wanted) return false;
+                keys[slot] = key;
+                index[slot] = uint16_t(n);
+                red[n] = r[x], green[n] = r[w + x], blue[n] = r[2 * w + x];
+                ++n;
+            }
+            map[size_t(y) * w + x] = uint8_t(index[slot]);
+        }
+    }
+    *count = n;
+    return true;
+}
+
 }  // namespace
 
 // --- the writer -------------------------------------------------------------------
@@ -877,8 +907,9 @@ int imageFlic_writeFrameFromRGB(FlicWriter* wr, const uint8_t* rgb, int imageFor
             uint8_t* row = wr->cur.get() + size_t(y) * w;
             for (int x = 0; x < w; ++x) row[x] = il::greyLevelFloat(r[x], r[w + x], r[2 * w + x]);
         }
-    } else {
-        const int wanted = imageFormat == COLORMODE_PALETTE16 ? 16 : 256;
+    } else if (const int wanted = imageFormat == COLORMODE_PALETTE16 ? 16 : 256;
+               !exactPalette(rgb, w, h, wanted, red, green, blue, &count, wr->cur.get())) {
+        // More colours than the palette holds: an optimised palette, dithered.
         if (int st = korImage_getOptimizedPalette(red, green, blue, &count, wanted, rgb, &size, stop))
             return st > 0 ? IMGERR_STOPPED : st;
         if (wr->fli)  // dither onto the colours that the file will show

@@ -105,8 +105,9 @@ int imageFlic_create(FlicWriter** writer, const char* path, const ImageSize* siz
 int imageFlic_writeFrameFromMap(FlicWriter* writer, const void* map, int packed, const uint8_t* red,
                                 const uint8_t* green, const uint8_t* blue, int count, StopFunction stop) noexcept;
 
-// Adds a frame from row-planar RGB: image format 4 as grey levels, 2 with an
-// optimised palette of 16 colours, any other with 256, dithered.
+// Adds a frame from row-planar RGB: image format 4 as grey levels, 2 with a
+// palette of 16 colours, any other with 256. Images of no more colours than
+// that keep them exactly; others get an optimised palette and are dithered.
 int imageFlic_writeFrameFromRGB(FlicWriter* writer, const uint8_t* rgb, int imageFormat, StopFunction stop) noexcept;
 
 // Writes the ring frame and the final header, closes the file and frees the

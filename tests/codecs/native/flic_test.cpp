@@ -372,8 +372,7 @@ TEST(FlicWrite, SpeedsAndArguments) {
 }
 
 TEST(FlicWrite, FromRGB) {
-    // Four colours come back through the optimised palette (its entries are
-    // those of the colour cells, within 8 of the pixels).
+    // Four colours are kept exactly.
     const int w = 6, h = 4;
     Bytes rgb(size_t(w) * h * 3);
     const uint8_t colours[4][3] = {{255, 0, 0}, {0, 128, 0}, {16, 32, 240}, {200, 200, 200}};
@@ -383,12 +382,24 @@ TEST(FlicWrite, FromRGB) {
     iltest::TempDir d;
     const ImageSize size{w, h};
     ASSERT_EQ(imageFlic_writeFromRGB(d.file("a.flc").c_str(), rgb.data(), &size, 3, 1, nullptr), 0);
+    // More colours than 2 in 16 x 16 (grey levels here): an optimised
+    // palette, dithered, within reach of every pixel.
+    Bytes ramp(16 * 16 * 3);
+    for (size_t i = 0; i < ramp.size(); ++i) ramp[i] = uint8_t((i % 16) * 16 + (i / 48));
+    const ImageSize rampSize{16, 16};
+    ASSERT_EQ(imageFlic_writeFromRGB(d.file("b.flc").c_str(), ramp.data(), &rampSize, 3, 1, nullptr), 0);
+    Read b = readFile(d.file("b.flc"));
+    ASSERT_EQ(b.status, 0);
+    for (int y = 0; y < 16; ++y)
+        for (int x = 0; x < 16; ++x)
+            for (int c = 0; c < 3; ++c)
+                ASSERT_NEAR(b.palette[3 * b.map[y * 16 + x] + c], ramp[size_t(y) * 48 + c * 16 + x], 40);
     Read r = readFile(d.file("a.flc"));
     ASSERT_EQ(r.status, 0);
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x)
             for (int c = 0; c < 3; ++c)
-                ASSERT_NEAR(r.palette[3 * r.map[size_t(y) * w + x] + c], colours[(x + y) % 4][c], 8) << x << "," << y;
+                ASSERT_EQ(r.palette[3 * r.map[size_t(y) * w + x] + c], colours[(x + y) % 4][c]) << x << "," << y;
 }
 
 // --- sample files ----------------------------------------------------------------
