@@ -657,15 +657,22 @@ void encodeColour(Sink& s, const uint8_t* prev, const uint8_t* cur, bool full, b
 }
 
 // The distinct colours of a row-planar RGB image when there are at most
-// `wanted`: the palette and every pixel's index (into map). False when there
-// are more.
+// `wanted`: the palette and every pixel's index (into map). The first
+// `seeds` entries of the palette keep their places (so that a movie's
+// palette does not move from frame to frame). False when there are more.
 bool exactPalette(const uint8_t* rgb, int w, int h, int wanted, uint8_t* red, uint8_t* green, uint8_t* blue,
-                  int* count, uint8_t* map) {
+                  int seeds, int* count, uint8_t* map) {
     constexpr int kSlots = 1024;  // open addressing, at most 256 in use
     uint32_t keys[kSlots];
     uint16_t index[kSlots];
     std::fill(keys, keys + kSlots, UINT32_MAX);
     int n = 0;
+    for (; n < seeds && n < wanted; ++n) {
+        const uint32_t key = uint32_t(red[n]) << 16 | uint32_t(green[n]) << 8 | blue[n];
+        uint32_t slot = (key * 2654435761u) >> 22;
+        while (keys[slot] != key && keys[slot] != UINT32_MAX) slot = (slot + 1) & (kSlots - 1);
+        if (keys[slot] == UINT32_MAX) keys[slot] = key, index[slot] = uint16_t(n);
+    }
     for (int y = 0; y < h; ++y) {
         const uint8_t* r = rgb + size_t(y) * 3 * w;
         for (int x = 0; x < w; ++x) {
@@ -704,6 +711,8 @@ struct FlicWriter {
     uint64_t offset = kFlicHeaderBytes;  // where the next frame goes
     uint32_t frame2 = 0;                 // offset of frame 2 (or of the ring frame)
     int status = 0;                      // the first failure, kept for close
+    uint8_t lastRed[256] = {}, lastGreen[256] = {}, lastBlue[256] = {};  // exact palette of the last RGB frame
+    int lastCount = 0;
 
     // Encodes cur/curPal against prev/prevPal (whole when `whole`) and
     // writes the frame.
@@ -908,8 +917,18 @@ int imageFlic_writeFrameFromRGB(FlicWriter* wr, const uint8_t* rgb, int imageFor
             for (int x = 0; x < w; ++x) row[x] = il::greyLevelFloat(r[x], r[w + x], r[2 * w + x]);
         }
     } else if (const int wanted = imageFormat == COLORMODE_PALETTE16 ? 16 : 256;
-               !exactPalette(rgb, w, h, wanted, red, green, blue, &count, wr->cur.get())) {
+               (std::memcpy(red, wr->lastRed, 256), std::memcpy(green, wr->lastGreen, 256),
+                std::memcpy(blue, wr->lastBlue, 256),
+                exactPalette(rgb, w, h, wanted, red, green, blue, wr->lastCount, &count, wr->cur.get())) ||
+               exactPalette(rgb, w, h, wanted, red, green, blue, 0, &count, wr->cur.get())) {
+        // Few colours, kept exactly; the next frame starts from them.
+        std::memcpy(wr->lastRed, red, 256);
+        std::memcpy(wr->lastGreen, green, 256);
+        std::memcpy(wr->lastBlue, blue, 256);
+        wr->lastCount = count;
+    } else {
         // More colours than the palette holds: an optimised palette, dithered.
+        wr->lastCount = 0;
         if (int st = korImage_getOptimizedPalette(red, green, blue, &count, wanted, rgb, &size, stop))
             return st > 0 ? IMGERR_STOPPED : st;
         if (wr->fli)  // dither onto the colours that the file will show

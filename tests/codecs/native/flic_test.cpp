@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <png.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -394,6 +395,20 @@ TEST(FlicWrite, FromRGB) {
         for (int x = 0; x < 16; ++x)
             for (int c = 0; c < 3; ++c)
                 ASSERT_NEAR(b.palette[3 * b.map[y * 16 + x] + c], ramp[size_t(y) * 48 + c * 16 + x], 40);
+    // A movie of such frames keeps its palette: the next frame carries no
+    // colour chunk, though its colours come first in another order.
+    FlicWriter* wr = nullptr;
+    ASSERT_EQ(imageFlic_create(&wr, d.file("m.flc").c_str(), &size, 4, 1), 0);
+    ASSERT_EQ(imageFlic_writeFrameFromRGB(wr, rgb.data(), 3, nullptr), 0);
+    Bytes moved = rgb;
+    std::rotate(moved.begin(), moved.begin() + 3 * w, moved.end());  // rows move up: other first colours
+    ASSERT_EQ(imageFlic_writeFrameFromRGB(wr, moved.data(), 3, nullptr), 0);
+    ASSERT_EQ(imageFlic_close(wr), 0);
+    auto movie = frames(iltest::readFile(d.file("m.flc")));
+    ASSERT_EQ(movie.size(), 3u);
+    const auto types = subTypes(movie[1].second);
+    EXPECT_EQ(std::count(types.begin(), types.end(), int(kFlicColour256)), 0);
+
     Read r = readFile(d.file("a.flc"));
     ASSERT_EQ(r.status, 0);
     for (int y = 0; y < h; ++y)
