@@ -181,6 +181,46 @@ IMAGELIB_API int korImage_createRasterFile(const char* path, int type, int color
                                            StopFunction stop) IMAGELIB_NOEXCEPT;
 /* (end of write) */
 
+/* ==== movie: animations ==== */
+/* Multi-frame files written frame by frame: FLI (14), FLC (15) and AVI
+   (26). Frames are all the movie's size and are shown `delay` ticks of
+   1/60 s each. FLI and FLC frames are palette images (true-colour frames
+   get an optimised palette of 256 colours, dithered); FLI is written only
+   at 320 x 200, other sizes asked for as FLI are written as FLC. AVI frames
+   are 24-bit, of the movie's width and its height rounded down to a
+   multiple of 8 (the rows below are dropped). */
+typedef struct ImageMovie ImageMovie;
+
+/* Creates path for a movie of type (negative: from the name; 14, 15 or 26,
+   else IMGERR_UNSUPPORTEDTYPE). Returns the movie, or null with the status
+   in *status (when not null): IMGERR_BADARG for a bad size or a delay below
+   1, IMGERR_NOMEMORY, IMGERR_OPENFAILED (FLI/FLC) or 32768 (AVI: the file
+   cannot be written). */
+IMAGELIB_API ImageMovie* korMovie_create(int* status, const char* path, int type, const ImageSize* size,
+                                         int delay) IMAGELIB_NOEXCEPT;
+
+/* Adds a frame from row-planar RGB of the movie's size. */
+IMAGELIB_API int korMovie_addFrameFromRGB(ImageMovie* movie, const uint8_t* rgb, StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* Adds a frame from a byte map of the movie's size and its palette of count
+   entries. */
+IMAGELIB_API int korMovie_addFrameFromMap(ImageMovie* movie, const uint8_t* map, const uint8_t* red,
+                                          const uint8_t* green, const uint8_t* blue, int count,
+                                          StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* Completes the file and frees the movie. A FLI/FLC movie without frames
+   leaves no file and gives IMGERR_NODATA; an AVI one is a valid file of no
+   frames. A failure of an earlier frame is returned again here. */
+IMAGELIB_API int korMovie_close(ImageMovie* movie) IMAGELIB_NOEXCEPT;
+
+/* The number of frames of an animation file (FLI/FLC: as its header tells,
+   without the closing ring frame). IMGERR_UNSUPPORTEDTYPE for other types. */
+IMAGELIB_API int korMovie_getFrameCount(int* frames, const char* path, int type) IMAGELIB_NOEXCEPT;
+
+/* 1: AVI movies can be written (natively, on every platform). */
+IMAGELIB_API int korImage_isAVIAvailable(void) IMAGELIB_NOEXCEPT;
+/* (end of movie) */
+
 IMAGELIB_EXTERN_C_END
 
 #endif

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "codecs/native/bmp.h"
+#include "codecs/native/flic.h"
 #include "codecs/native/pcx.h"
 #include "codecs/native/sun.h"
 #include "codecs/native/pa.h"
@@ -117,6 +118,18 @@ int pDecode(const char* path, Decoded& d) {
     return 0;
 }
 
+// The first frame of a FLI/FLC file, as a map.
+int flicDecode(const char* path, Decoded& d) {
+    void* p = nullptr;
+    ImageSize size{};
+    if (int st = imageFlic_readToMap(&p, &size, d.palette.red, d.palette.green, d.palette.blue, &d.palette.count,
+                                     path, 0, nullptr))
+        return st;
+    d.image.reset(p, size, IMAGEFORMAT_MAP);
+    d.isMap = true;
+    return 0;
+}
+
 // "a": RGB.
 int aDecode(const char* path, Decoded& d) {
     uint8_t* rgb = nullptr;
@@ -144,13 +157,13 @@ int decodeForRGB(int type, const char* path, Decoded& d) {
         case 9: return bmpDecode(path, d);
         case 5: return pcxDecode(path, d);
         case 10: return sunDecode(path, d);
+        case 14: case 15: return flicDecode(path, d);  // FLI/FLC first frame
+        case 11: return pDecode(path, d);
+        case 12: return aDecode(path, d);
         case 0: case 3: case 29:  // TIFF
         case 1: case 16:          // Intergraph RGB
         case 7:                   // GIF
-        case 11: return pDecode(path, d);
-        case 12: return aDecode(path, d);
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
-        case 14: case 15:         // FLI/FLC first frame
         case 18:                  // JPEG
         case 21: case 22:         // fax, CALS
         case 24:                  // RLC
@@ -248,8 +261,14 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
             rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
             return 0;
         }
-        case 0: case 3: case 29:  // TIFF palette reader
-        case 7:                   // GIF
+        case 14: case 15: {  // FLI/FLC first frame
+            void* p = nullptr;
+            ImageSize size{};
+            if (int st = imageFlic_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, nullptr))
+                return st;
+            rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
+            return 0;
+        }
         case 11: {
             void* p = nullptr;
             ImageSize size{};
@@ -258,8 +277,9 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
             rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
             return 0;
         }
+        case 0: case 3: case 29:  // TIFF palette reader
+        case 7:                   // GIF
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
-        case 14: case 15:         // FLI/FLC
         case 18:                  // JPEG (grey files as 256 levels)
         case 21: case 22:         // fax, CALS
         case 28:                  // PNG asked for a palette
@@ -325,13 +345,16 @@ int korImage_readFileInfo(ImageSize* size, int* colorMode, int* orientation, con
         case 9: st = imageBmp_readInfo(&sz, &mode, path); break;
         case 5: st = imagePcx_readInfo(&sz, &mode, path); break;
         case 10: st = imageSun_readInfo(&sz, &mode, path); break;
-        case 0: case 3: case 29:  // TIFF
-        case 7:                   // GIF
+        case 14: case 15:  // FLI/FLC: 256 colours
+            st = imageFlic_readInfo(&sz, nullptr, path);
+            mode = COLORMODE_PALETTE256;
+            break;
         case 11: st = imageP_readInfo(&sz, &mode, path); break;
         case 12: st = imageA_readInfo(&sz, &mode, path); break;
         case 27: st = imagePma_open(&sz, &mode, path); break;
+        case 0: case 3: case 29:  // TIFF
+        case 7:                   // GIF
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph header
-        case 14: case 15:         // FLI/FLC
         case 18:                  // JPEG
         case 21: case 22:         // fax, CALS
         case 24:                  // RLC

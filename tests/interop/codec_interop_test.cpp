@@ -108,6 +108,9 @@ const OurFile kOurFiles[] = {
     // "a" planes as raw grey images, combined by ImageMagick.
     {"ours_planes.a", "photo", "", "convert",
      "f={out}; convert -size 61x43 -depth 8 gray:${f%.a}.r gray:${f%.a}.g gray:${f%.a}.b -combine pam:-", 0, true},
+    {"ours_few.flc", "few", "", "ffmpeg", "ffmpeg -v error -i {out} -frames:v 1 -f image2pipe -vcodec ppm -", 0, true},
+    {"ours_photo.flc", "photo", "", "ffmpeg", "ffmpeg -v error -i {out} -frames:v 1 -f image2pipe -vcodec ppm -", 0,
+     false},
 };
 
 // --- pictures ---------------------------------------------------------------

@@ -33,5 +33,6 @@ int cmdType(const Args& args);
 int cmdInfo(const Args& args);
 int cmdConvert(const Args& args);
 int cmdDemo(const Args& args);
+int cmdMovie(const Args& args);
 
 }  // namespace cli

@@ -75,16 +75,21 @@ int cmdInfo(const Args& args) {
     if (st != 0) return failure(file, st);
     char ext[16];
     korImage_getExtension(ext, info.type);
+    int frames = 0;  // animations: the frame count
+    const bool movie = korMovie_getFrameCount(&frames, file.c_str(), info.type) == 0;
     if (json) {
         std::printf("{\"file\": %s, \"type\": %d, \"extension\": %s, \"width\": %d, \"height\": %d, "
-                    "\"colorMode\": %d, \"colorModeName\": \"%s\", \"orientation\": %d}\n",
+                    "\"colorMode\": %d, \"colorModeName\": \"%s\", \"orientation\": %d",
                     jsonString(file).c_str(), info.type, jsonString(ext).c_str(), info.size.x, info.size.y,
                     info.colorMode, modeName(info.colorMode), info.orientation);
+        if (movie) std::printf(", \"frames\": %d", frames);
+        std::printf("}\n");
     } else {
         std::printf("file:        %s\ntype:        %d (%s)\nsize:        %d x %d\ncolour mode: %d (%s)\n"
                     "orientation: %d (%s)\n",
                     file.c_str(), info.type, ext, info.size.x, info.size.y, info.colorMode,
                     modeName(info.colorMode), info.orientation, orientationName(info.type, info.orientation));
+        if (movie) std::printf("frames:      %d\n", frames);
     }
     return kOk;
 }

@@ -27,6 +27,11 @@ const Command kCommands[] = {
      "      --mirror v|h               v: top to bottom, h: left to right\n"
      "    IN or OUT may be binary PPM/PGM/PBM/PAM (.ppm .pgm .pbm .pam .pnm) for comparison with other tools",
      cmdConvert},
+    {"movie",
+     "movie OUT [--delay TICKS] FRAME...\n"
+     "                               frames (image files of one size) into a FLI, FLC or AVI movie by OUT's\n"
+     "                               name; each frame is shown TICKS 1/60 s (default 4)",
+     cmdMovie},
     {"demo", "demo [DIR]                   write a test image in every writable type, read each back, and\n"
              "                               print sizes, times and differences (default DIR ./imagelib-demo)",
      cmdDemo},
