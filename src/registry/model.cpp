@@ -40,7 +40,7 @@ const char* imagelib_statusText(int status) noexcept {
         case IMGSTAT_NO_HANDLER: return "no streaming handler for this file type, or unreadable header";
         case IMGSTAT_NO_MORE_ROWS: return "no more rows";
         case IMGSTAT_NO_ROW_BUFFER: return "row buffer could not be allocated";
-        case IMGSTAT_NO_BACKGROUND: return "no background colour, or a short write";
+        case IMGSTAT_NO_BACKGROUND: return "no background colour, a short write, or GIF headers that do not parse";
         case IMGERR_NODATA: return "the requested data is not in the file";
         case IMGERR_BADIMAGEFORMAT: return "buffer layout not handled by this operation";
         case IMGERR_WRITEFAILED: return "write failed";

@@ -9,6 +9,7 @@
 
 #include "codecs/native/bmp.h"
 #include "codecs/native/flic.h"
+#include "codecs/native/gif.h"
 #include "codecs/native/pcx.h"
 #include "codecs/native/sun.h"
 #include "codecs/native/pa.h"
@@ -160,9 +161,18 @@ int decodeForRGB(int type, const char* path, Decoded& d) {
         case 14: case 15: return flicDecode(path, d);  // FLI/FLC first frame
         case 11: return pDecode(path, d);
         case 12: return aDecode(path, d);
+        case 7: {  // GIF: the first image as a map
+            void* p = nullptr;
+            ImageSize size{};
+            if (int st = imageGif_readToMap(&p, &size, d.palette.red, d.palette.green, d.palette.blue,
+                                            &d.palette.count, path, 0, nullptr))
+                return st;
+            d.image.reset(p, size, IMAGEFORMAT_MAP);
+            d.isMap = true;
+            return 0;
+        }
         case 0: case 3: case 29:  // TIFF
         case 1: case 16:          // Intergraph RGB
-        case 7:                   // GIF
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
         case 18:                  // JPEG
         case 21: case 22:         // fax, CALS
@@ -277,8 +287,15 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
             rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
             return 0;
         }
+        case 7: {  // GIF
+            void* p = nullptr;
+            ImageSize size{};
+            if (int st = imageGif_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, nullptr))
+                return st;
+            rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
+            return 0;
+        }
         case 0: case 3: case 29:  // TIFF palette reader
-        case 7:                   // GIF
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
         case 18:                  // JPEG (grey files as 256 levels)
         case 21: case 22:         // fax, CALS
@@ -352,8 +369,8 @@ int korImage_readFileInfo(ImageSize* size, int* colorMode, int* orientation, con
         case 11: st = imageP_readInfo(&sz, &mode, path); break;
         case 12: st = imageA_readInfo(&sz, &mode, path); break;
         case 27: st = imagePma_open(&sz, &mode, path); break;
+        case 7: st = IMGERR_BADFORMAT; break;  // GIF: size and colours are known only by reading the image
         case 0: case 3: case 29:  // TIFF
-        case 7:                   // GIF
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph header
         case 18:                  // JPEG
         case 21: case 22:         // fax, CALS

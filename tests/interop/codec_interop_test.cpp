@@ -91,6 +91,33 @@ const PeerFile kPeerFiles[] = {
     // the Sun convention that netpbm (and ImageMagick) follow.
     {"netpbm_1bit.ras", "pnmtorast", "pnmtorast {bw} > {out}", "rasttopnm {out} | pnminvert", 0},
     {"netpbm_1bit_rle.ras", "pnmtorast", "pnmtorast -rle {bw} > {out}", "rasttopnm {out} | pnminvert", 0},
+    // GIF: every table size from 2 to 256 entries, GIF87a, interlaced,
+    // transparent; code streams that fill the table with clear codes and,
+    // from pamtogif -noclear, without them (coding goes on at 12 bits).
+    {"im_2.gif", "convert", "convert {photo} -colors 2 {out}", nullptr, 0},
+    {"im_4.gif", "convert", "convert {photo} -colors 4 {out}", nullptr, 0},
+    {"im_8.gif", "convert", "convert {photo} -colors 8 {out}", nullptr, 0},
+    {"im_16.gif", "convert", "convert {photo} -colors 16 {out}", nullptr, 0},
+    {"im_32.gif", "convert", "convert {photo} -colors 32 {out}", nullptr, 0},
+    {"im_64.gif", "convert", "convert {photo} -colors 64 {out}", nullptr, 0},
+    {"im_128.gif", "convert", "convert {photo} -colors 128 {out}", nullptr, 0},
+    {"im_256.gif", "convert", "convert {photo} -colors 256 {out}", nullptr, 0},
+    {"im_87a.gif", "convert", "convert {photo} -colors 200 GIF87:{out}", nullptr, 0},
+    {"im_interlaced.gif", "convert", "convert {photo} -colors 100 -interlace GIF {out}", nullptr, 0},
+    {"im_transparent.gif", "convert", "convert {photo} -colors 60 -fuzz 20% -transparent black {out}", nullptr, 0},
+    {"im_full_table.gif", "convert", "convert -seed 1 -size 160x120 xc: +noise Random -colors 256 {out}", nullptr, 0},
+    {"gm_16.gif", "gm", "gm convert {photo} -colors 16 {out}", "gm convert {out}[0] ppm:-", 0},
+    {"gm_87a.gif", "gm", "gm convert {photo} -colors 100 GIF87:{out}", "gm convert {out}[0] ppm:-", 0},
+    {"gm_interlaced.gif", "gm", "gm convert {photo} -interlace Line {out}", "gm convert {out}[0] ppm:-", 0},
+    {"netpbm.gif", "pamtogif", "pamtogif {few} > {out}", "giftopnm {out}", 0},
+    {"netpbm_2.gif", "pamtogif", "pamtogif {bw} > {out}", "giftopnm {out}", 0},
+    {"netpbm_interlaced.gif", "pamtogif", "pamtogif -interlace {few} > {out}", "giftopnm {out}", 0},
+    {"netpbm_transparent.gif", "pamtogif", "pamtogif -transparent black {few} > {out}", "giftopnm {out}", 0},
+    {"netpbm_uncompressed.gif", "pamtogif", "pamtogif -nolzw {grey} > {out}", "giftopnm {out}", 0},
+    {"netpbm_full_table.gif", "pamtogif", "pgmnoise -randomseed=1 160 120 | pamtogif > {out}", "giftopnm {out}", 0},
+    {"netpbm_no_clear.gif", "pamtogif", "pgmnoise -randomseed=1 160 120 | pamtogif -noclear > {out}",
+     "giftopnm {out}", 0},
+    {"ppmtogif.gif", "ppmtogif", "ppmtogif {few} > {out}", "giftopnm {out}", 0},
 };
 
 const OurFile kOurFiles[] = {
@@ -111,6 +138,13 @@ const OurFile kOurFiles[] = {
     {"ours_few.flc", "few", "", "ffmpeg", "ffmpeg -v error -i {out} -frames:v 1 -f image2pipe -vcodec ppm -", 0, true},
     {"ours_photo.flc", "photo", "", "ffmpeg", "ffmpeg -v error -i {out} -frames:v 1 -f image2pipe -vcodec ppm -", 0,
      false},
+    // GIF from RGB (GIF87a, 256 colours dithered, or grey levels) and from
+    // palette images (GIF89a, index 0 transparent: compared by colour).
+    {"ours_256.gif", "photo", "", "convert", nullptr, 0, false},
+    {"ours_256_netpbm.gif", "photo", "", "giftopnm", "giftopnm {out}", 0, false},
+    {"ours_grey_levels.gif", "photo", "--mode grey", "giftopnm", "giftopnm {out}", 0, false},
+    {"ours_grey.gif", "grey", "", "convert", nullptr, 0, true},
+    {"ours_bw.gif", "bw", "", "giftopnm", "giftopnm {out}", 0, true},
 };
 
 // --- pictures ---------------------------------------------------------------

@@ -72,6 +72,17 @@ int cmdInfo(const Args& args) {
         info.type = fileTypeOf(file);
         st = korImage_readFileInfo(&info.size, &info.colorMode, &info.orientation, file.c_str(), info.type);
     }
+    if (st == IMGERR_BADFORMAT) {
+        // No header reader for the type (GIF): the image itself tells.
+        Image img;
+        if (int s = loadImage(file, img, false, nullptr)) return failure(file, s);
+        info = ImageFileInfo{};
+        info.type = korImage_fileType(-1, file.c_str());
+        info.size = img.size;
+        info.colorMode = img.colorMode;
+        info.orientation = 0;
+        st = 0;
+    }
     if (st != 0) return failure(file, st);
     char ext[16];
     korImage_getExtension(ext, info.type);

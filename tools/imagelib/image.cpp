@@ -92,7 +92,10 @@ const char* modeName(int mode) {
 
 int defaultWriteMode(int type, int sourceMode) {
     int def, rgb, p256, p16, grey, bilevel;
-    if (korImage_getExportSupport(&def, &rgb, &p256, &p16, &grey, &bilevel, type) != 0) return sourceMode;
+    // A type writable though it tells nothing of its modes (GIF): bitmaps and
+    // grey images as they are, everything else as 256 colours.
+    if (korImage_getExportSupport(&def, &rgb, &p256, &p16, &grey, &bilevel, type) != 0)
+        return sourceMode == COLORMODE_BILEVEL || sourceMode == COLORMODE_GREY ? sourceMode : COLORMODE_PALETTE256;
     bool takes = false;
     switch (sourceMode) {
         case 1: takes = rgb; break;
@@ -271,6 +274,23 @@ int keepTwoColours(const std::string& path, Image& img, StopFunction stop) {
     return 0;
 }
 
+// Reads a file as a palette image (Map) through the PackByte reader.
+int loadPaletteImage(const std::string& path, Image& img, StopFunction stop) {
+    uint8_t** rows = nullptr;
+    ImageSize size{};
+    int st = korImage_readFileToMap(&rows, &size, img.red, img.green, img.blue, &img.count, path.c_str(), -1,
+                                    nullptr, stop);
+    if (st != 0) return st;
+    auto* map = static_cast<uint8_t*>(dlmSystem_korMalloc(size_t(size.x) * size.y));
+    if (map)
+        for (int y = 0; y < size.y; ++y) korImage_unpackByteBuffer(map + size_t(size.x) * y, rows[y], size.x);
+    korImage_freeImage(rows, &size, IMAGEFORMAT_PACKBYTE);
+    if (!map) return IMGERR_NOMEMORY;
+    img.replace(map, size, IMAGEFORMAT_MAP);
+    img.colorMode = img.count <= 16 ? COLORMODE_PALETTE16 : COLORMODE_PALETTE256;
+    return 0;
+}
+
 }  // namespace
 
 int fileTypeOf(const std::string& path) {
@@ -309,6 +329,15 @@ int loadImage(const std::string& path, Image& img, bool forceRGB, StopFunction s
         layout = IMAGEFORMAT_RGB;
         mode = COLORMODE_RGB;
     }
+    if (st == IMGERR_BADFORMAT) {
+        // A type whose header reader tells nothing without reading the
+        // image (GIF) is read as a palette image; when the type has no
+        // palette reader either, the first answer stands.
+        Image pal;
+        if (int s = loadPaletteImage(path, pal, stop)) return s == IMGERR_UNSUPPORTEDTYPE ? st : s;
+        img = std::move(pal);
+        return forceRGB ? toRGB(img, stop) : 0;
+    }
     if (st < 0) return st;
     img.replace(buf, size, layout);
     img.colorMode = mode;
@@ -342,6 +371,10 @@ int saveImage(const std::string& path, int type, int mode, Image& img, int compr
     switch (img.layout) {
         case IMAGEFORMAT_MAP:
         case IMAGEFORMAT_MAP2:
+            // Such a type (GIF) takes a grey palette image as 256 colours.
+            if (mode == COLORMODE_GREY &&
+                korImage_getExportSupport(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, type) != 0)
+                mode = COLORMODE_PALETTE256;
             return korImage_extCreateFileFromMap(p, type, mode, &img.size, img.bytes(), img.red, img.green,
                                                  img.blue, img.count, compression, 0, stop);
         case IMAGEFORMAT_RGBA:
