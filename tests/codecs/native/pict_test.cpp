@@ -153,7 +153,7 @@ TEST_F(PictFile, FourBitMapKeepsOneIndexBytePerPixel) {
 }
 
 TEST_F(PictFile, StreamedTrueColourRows) {
-    const int w = 70, h = 2;  // row bytes 280: two-byte counts
+    const int w = 70, h = 3;  // row bytes 280: two-byte counts; rows end on an odd length
     ImageFileContext ctx{};
     ctx.fileSize = {w, h};
     ASSERT_EQ(imagePict_createFile(&ctx, path.c_str(), 4, COLORMODE_RGB), 0);
@@ -179,9 +179,11 @@ TEST_F(PictFile, StreamedTrueColourRows) {
     planes.insert(planes.end(), green.begin(), green.end());
     planes.insert(planes.end(), blue.begin(), blue.end());
     EXPECT_EQ(unpack(Bytes(f.begin() + long(rows) + 2, f.begin() + long(rows) + 2 + long(n))), planes);
-    const size_t end = rows + 2 * (2 + n);
-    EXPECT_EQ(f.size(), end + (end & 1) + 2);
-    EXPECT_EQ(be16(f, f.size() - 2), 0x00FF);
+    const size_t end = rows + h * (2 + n);
+    ASSERT_EQ(end & 1, 1u);
+    ASSERT_EQ(f.size(), end + 1 + 2);
+    EXPECT_EQ(f[end], 0);
+    EXPECT_EQ(be16(f, end + 1), 0x00FF);
 }
 
 TEST_F(PictFile, FormatsSizesAndStop) {
