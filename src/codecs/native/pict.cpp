@@ -190,9 +190,6 @@ int writeRows(IndexedWriter& out, const ImageSize* size, Poll poll, Build build)
     return out.finish(status);
 }
 
-// Grey level of the grey pictures from RGB, its terms summed in this order.
-uint8_t pictGrey(int r, int g, int b) { return uint8_t(int(0.11 * b + 0.3 * r + 0.59 * g + 0.5)); }
-
 }  // namespace
 
 int imagePict_packBits(uint8_t* output, const uint8_t* input, int length) noexcept {
@@ -334,7 +331,7 @@ int imagePict_writeFromRGB(const char* path, const uint8_t* rgb, const ImageSize
     return writeRows(out, size, poll, [&](int y) -> const uint8_t* {
         const uint8_t *r = rgb + size_t(y) * planeRow, *g = r + w, *b = g + w;
         if (imageFormat == COLORMODE_GREY) {
-            for (int x = 0; x < w; ++x) row[size_t(x)] = pictGrey(r[x], g[x], b[x]);
+            for (int x = 0; x < w; ++x) row[size_t(x)] = il::greyLevelWriter(r[x], g[x], b[x]);
         } else {
             korImage_ditherRow(row.get(), r, g, b, w);
         }
