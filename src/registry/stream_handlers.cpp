@@ -3,6 +3,8 @@
 // creating takes the row of the requested type. A codec that gains a
 // streaming handler fills its row here and nothing else changes.
 #include "codecs/native/bmp.h"
+#include "codecs/native/eps.h"
+#include "codecs/native/pict.h"
 #include "registry/stream.h"
 #include "registry/targa.h"
 
@@ -10,7 +12,7 @@ namespace il::stream {
 namespace {
 
 // Rows whose codec has not landed yet refuse with IMGERR_UNSUPPORTEDTYPE:
-// Intergraph RGB, TIFF, PICT and EPS.
+// Intergraph RGB and TIFF.
 int notYetOpen(ImageFileContext*, const char*) noexcept { return IMGERR_UNSUPPORTEDTYPE; }
 int notYetCreate(ImageFileContext*, const char*, int, int) noexcept { return IMGERR_UNSUPPORTEDTYPE; }
 int notYetBackground(uint8_t*, const char*) noexcept { return IMGERR_UNSUPPORTEDTYPE; }
@@ -22,8 +24,8 @@ const Handler kHandlers[] = {
     {2, imageTga_open, imageTga_create, nullptr},     // Targa
     {3, notYetOpen, notYetCreate, nullptr},           // TIFF, compressed when written
     {0, nullptr, notYetCreate, nullptr},              // TIFF, uncompressed
-    {4, nullptr, notYetCreate, nullptr},              // PICT
-    {6, nullptr, notYetCreate, nullptr},              // EPS
+    {4, nullptr, imagePict_createFile, nullptr},      // PICT, 32-bit rows
+    {6, nullptr, imageEps_createFile, nullptr},       // EPS, colour rows
     {9, nullptr, imageBmp_createFile, nullptr},       // BMP, 24 bits
 };
 const int kHandlerCount = int(sizeof kHandlers / sizeof kHandlers[0]);

@@ -9,11 +9,14 @@
 #include <cstring>
 
 #include "codecs/native/bmp.h"
+#include "codecs/native/eps.h"
 #include "codecs/native/flic.h"
 #include "codecs/native/gif.h"
 #include "codecs/native/pcx.h"
+#include "codecs/native/pict.h"
 #include "codecs/native/sun.h"
 #include "codecs/native/pa.h"
+#include "codecs/native/wpg.h"
 #include "imagelib/io.h"
 #include "imagelib/pixels.h"
 #include "imagelib/registry.h"
@@ -68,9 +71,13 @@ int writePalette(const char* path, int type, int colourMode, const ImageSize* si
         case 7:
             return imageGif_writeFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0,
                                          stop);
+        case 4:
+            return imagePict_writeFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0,
+                                          stop);
+        case 8:
+            return imageWpg_writeFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0,
+                                         stop);
         case 0: case 3: case 29:  // TIFF palette writer (compression argument 0 for type 0, 1 otherwise)
-        case 4:                   // PICT
-        case 8:                   // WPG
         case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
         case 18:                  // JPEG
         case 22:                  // CALS
@@ -179,11 +186,11 @@ int korImage_extCreateFileFromRGB(const char* path, int type, int colorMode, con
         case 11: return imageP_writeFromRGB(path, rgb, size, colorMode, stop);
         case 12: return imageA_writeFromRGB(path, rgb, size, stop);  // not given the colour mode
         case 7: return imageGif_writeFromRGB(path, rgb, size, colorMode, stop);  // not listed for export, on purpose
+        case 4: return imagePict_writeFromRGB(path, rgb, size, colorMode, stop);
+        case 6: return imageEps_writeFromRGB(path, rgb, size, colorMode, stop);
+        case 8: return imageWpg_writeFromRGB(path, rgb, size, colorMode, stop);
         case 0:                   // TIFF, compression forced to 0
         case 3: case 29:          // TIFF, compression passed through
-        case 4:                   // PICT
-        case 6:                   // EPS
-        case 8:                   // WPG
         case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
         case 18:                  // JPEG with quality jpegQuality(compression), grey for mode 4
         case 22:                  // CALS

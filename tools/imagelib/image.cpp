@@ -305,6 +305,7 @@ int nameTypeOf(const std::string& path) {
     if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return -1;
     std::string ext = path.substr(dot + 1);
     for (char& c : ext) c = char(std::tolower(uint8_t(c)));
+    if (ext == "pict") return 4;
     return ext == "ras" || ext == "sun" ? 10 : -1;
 }
 

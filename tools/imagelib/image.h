@@ -49,8 +49,8 @@ bool isPnmName(const std::string& path);
 int fileTypeOf(const std::string& path);
 
 // The file type of a name: the library's extensions, then the common names
-// the format table does not hold (.ras and .sun for Sun raster); -1 when
-// none fits.
+// the format table does not hold (.ras and .sun for Sun raster, .pict for
+// PICT); -1 when none fits.
 int nameTypeOf(const std::string& path);
 
 // Reads a file: PNM by the CLI itself, anything else through the library.
