@@ -236,7 +236,8 @@ int pngFile_read(void** buffer, ImageSize* size, uint8_t* red, uint8_t* green, u
     if (!il::imageBytes(int64_t(rowBytes), ht, 1, &bytes) || !il::imageBytes(w, ht, 4) ||
         int64_t(bytes) > fileBytes * kPngInflateRatio)
         return IMGERR_BADFILE;
-    CallerBuffer<uint8_t> pixels = il::callerBytes(bytes);
+    // Bitmap rows are cleared first: libpng leaves the padding bits of a row as it finds them.
+    CallerBuffer<uint8_t> pixels = il::callerBytes(bytes, mode == COLORMODE_BILEVEL);
     il::Scratch<uint8_t*> rows(size_t(ht), il::tag("PngP"));
     if (!pixels || !rows.ok()) return IMGERR_NOMEMORY;
     for (int y = 0; y < ht; ++y) rows[size_t(y)] = pixels.get() + rowBytes * size_t(y);
