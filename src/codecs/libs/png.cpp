@@ -175,9 +175,8 @@ int handOutMap(void** buffer, int* layout, CallerBuffer<uint8_t>& map, const Ima
 int pngFile_detect(const char* path) noexcept {
     il::File f = il::File::open(path, "rb");
     if (!f.ok()) return IMGERR_OPENFAILED;
-    uint8_t sig[8] = {};
-    if (f.readSome(sig, sizeof sig) == 0) return IMGERR_READFAILED;
-    // All eight bytes are compared: a file shorter than the signature fails.
+    uint8_t sig[8];
+    if (!f.read(sig, sizeof sig)) return IMGERR_READFAILED;  // shorter than the signature
     return png_sig_cmp(sig, 0, sizeof sig) == 0 ? 0 : IMGERR_BADFILE;
 }
 

@@ -15,7 +15,7 @@
 #include "imagelib/types.h"
 
 // 0 when the file starts with the PNG signature. IMGERR_OPENFAILED,
-// IMGERR_READFAILED (empty file), IMGERR_BADFILE.
+// IMGERR_READFAILED (shorter than the signature), IMGERR_BADFILE.
 int pngFile_detect(const char* path) noexcept;
 
 // Size and colour mode from the header (either output may be null).

@@ -150,8 +150,6 @@ TEST_F(Png, WantedModesAndRefusals) {
     iltest::writeFile(file, std::string("\x89PNG\r\n\x1a\n"));
     EXPECT_EQ(read(0), IMGERR_BADFILE);
     iltest::writeFile(file, std::string("\x89PNG"));
-    EXPECT_EQ(pngFile_detect(file.c_str()), IMGERR_BADFILE);
-    iltest::writeFile(file, std::string());
     EXPECT_EQ(pngFile_detect(file.c_str()), IMGERR_READFAILED);
 }
 
