@@ -45,4 +45,4 @@ int jpegFile_create(const char* path, const ImageSize* size, const uint8_t* buff
 
 // Pixels a JPEG file is trusted to describe per byte of its length: a
 // header claiming more is refused with IMGERR_BADFILE before allocation.
-constexpr int64_t kJpegPixelsPerByte = 4096;
+constexpr int64_t kJpegPixelsPerByte = 1024;
