@@ -24,6 +24,7 @@
 #include "internal/file.h"
 #include "internal/scratch.h"
 #include "pixels/colour.h"
+#include "pixels/rgbrows.h"
 #include "pixels/rows.h"
 
 namespace {
@@ -199,14 +200,7 @@ int decodeProtected(JpegContext* ctx, int ditherOff, int twoPassOff, int colourC
         if (ctx->colourMode == COLORMODE_RGB) {
             JSAMPROW row = ctx->row;
             jpeg_read_scanlines(&d, &row, 1);
-            uint8_t* r = out + 3 * plane * size_t(y);
-            uint8_t *g = r + plane, *b = g + plane;
-            const uint8_t* s = ctx->row;
-            for (int x = 0; x < w; ++x, s += 3) {
-                r[x] = s[0];
-                g[x] = s[1];
-                b[x] = s[2];
-            }
+            il::rgbRowToPlanes(out + 3 * plane * size_t(y), ctx->row, plane);
         } else if (ctx->packed) {
             JSAMPROW row = ctx->row;
             jpeg_read_scanlines(&d, &row, 1);
@@ -253,14 +247,7 @@ int encodeProtected(JpegContext* ctx, const ImageSize* size, const uint8_t* buff
         if (grey) {
             row = const_cast<uint8_t*>(buffer + plane * size_t(y));
         } else {
-            const uint8_t* r = buffer + 3 * plane * size_t(y);
-            const uint8_t *g = r + plane, *b = g + plane;
-            uint8_t* d = ctx->row;
-            for (int x = 0; x < w; ++x, d += 3) {
-                d[0] = r[x];
-                d[1] = g[x];
-                d[2] = b[x];
-            }
+            il::planesToRGBRow(ctx->row, buffer + 3 * plane * size_t(y), plane);
             row = ctx->row;
         }
         jpeg_write_scanlines(&c, &row, 1);

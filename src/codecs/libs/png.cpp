@@ -19,6 +19,7 @@
 #include "internal/file.h"
 #include "internal/scratch.h"
 #include "pixels/colour.h"
+#include "pixels/rgbrows.h"
 #include "pixels/rows.h"
 
 namespace {
@@ -267,9 +268,14 @@ int pngFile_read(void** buffer, ImageSize* size, uint8_t* red, uint8_t* green, u
         case COLORMODE_GREY: {
             if (mode == COLORMODE_RGB || mode == COLORMODE_RGBA) {
                 CallerBuffer<uint8_t> rgb;
-                if (mode == COLORMODE_RGB) {
-                    if (int st = korImage_RGBToRGBSeparate(nullptr, pixels.get(), &sz, IMAGEFORMAT_RGB, nullptr))
-                        return st > 0 ? IMGERR_STOPPED : st;
+                if (mode == COLORMODE_RGB) {  // rearranged in place, a row at a time
+                    il::Scratch<uint8_t> line(rowBytes, il::tag("PngL"));
+                    if (!line.ok()) return IMGERR_NOMEMORY;
+                    for (int y = 0; y < ht; ++y) {
+                        uint8_t* row = pixels.get() + rowBytes * size_t(y);
+                        std::memcpy(line.get(), row, rowBytes);
+                        il::rgbRowToPlanes(row, line.get(), size_t(w));
+                    }
                     rgb = std::move(pixels);
                 } else {
                     rgb = il::callerBytes(size_t(w) * size_t(ht) * 3);
@@ -378,8 +384,10 @@ const uint8_t* prepareRow(const WriteJob& job, int y) {
     const size_t plane = size_t(w);
     switch (job.mode) {
         case COLORMODE_RGB:
+            il::planesToRGBRow(job.row, job.planes + plane * 3 * size_t(y), plane);
+            return job.row;
         case COLORMODE_RGBA: {
-            const int planes = job.mode == COLORMODE_RGBA ? 4 : 3;
+            const int planes = 4;
             const uint8_t* src = job.planes + plane * planes * size_t(y);
             uint8_t* d = job.row;
             for (int x = 0; x < w; ++x)
