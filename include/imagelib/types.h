@@ -73,6 +73,7 @@ typedef int (*StopFunction)(int total, int done);
 #define IMGERR_UNSUPPORTEDTYPE (-119)
 #define IMGERR_READFAILED (-120)
 #define IMGERR_NOHOSTCOMMAND (-121)
+#define IMGERR_DECODEFAILED (-122)
 #define IMGERR_UNKNOWNTYPE (-123)
 #define IMGERR_BADARG (-126)
 #define IMGERR_NORESOURCE (-128)

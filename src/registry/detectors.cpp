@@ -12,6 +12,8 @@
 #include <cstring>
 
 #include "codecs/native/pa.h"
+#include "codecs/libs/jpeg.h"
+#include "codecs/libs/png.h"
 #include "imagelib/types.h"
 #include "internal/bytes.h"
 #include "internal/file.h"
@@ -39,12 +41,7 @@ int detectFlic(const char* path, int type) {
     return IMGERR_BADFILE;
 }
 
-int detectPng(const char* path, int) {
-    static const uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
-    uint8_t h[8];
-    if (int st = readLeading(path, h, sizeof h)) return st;
-    return std::memcmp(h, kSignature, 8) == 0 ? 0 : IMGERR_BADFILE;
-}
+int detectPng(const char* path, int) { return pngFile_detect(path); }
 
 int detectTiffByteOrder(const char* path, int) {
     uint8_t h[2];
@@ -59,7 +56,7 @@ int detectPHeader(const char* path, int) { return imageP_detect(path) ? 0 : IMGE
 int detectAHeader(const char* path, int) { return imageA_detect(path) ? 0 : IMGERR_BADFILE; }
 
 // The JPEG header reader.
-int detectJpegHeader(const char*, int) { return IMGERR_UNSUPPORTEDTYPE; }
+int detectJpegHeader(const char* path, int) { return jpegFile_detect(path); }
 
 // The GeoTIFF check, after the byte order.
 int detectGeoTiff(const char* path, int type) {

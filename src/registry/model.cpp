@@ -50,6 +50,7 @@ const char* imagelib_statusText(int status) noexcept {
         case IMGERR_UNSUPPORTEDTYPE: return "file type not supported by this operation";
         case IMGERR_READFAILED: return "read failed or file truncated";
         case IMGERR_NOHOSTCOMMAND: return "host command not available";
+        case IMGERR_DECODEFAILED: return "the codec library could not decode or encode the image";
         case IMGERR_UNKNOWNTYPE: return "unknown file type";
         case IMGERR_BADARG: return "invalid argument";
         case IMGERR_NORESOURCE: return "message not found in the catalogue";

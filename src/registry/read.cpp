@@ -7,6 +7,8 @@
 // that wiring a codec in is one line in each switch that names it.
 #include <cstring>
 
+#include "codecs/libs/jpeg.h"
+#include "codecs/libs/png.h"
 #include "codecs/native/bmp.h"
 #include "codecs/native/flic.h"
 #include "codecs/native/gif.h"
@@ -148,12 +150,45 @@ int pmaDecode(const char* path, const ImageSize* requested, StopFunction stop, D
     int st = imagePma_readToRGB(&rgb, &size, path, stop);
     if (st != 0) return st < 0 ? st : IMGERR_STOPPED;
     d.image.reset(rgb, size, IMAGEFORMAT_RGB);
+// JPEG for the RGB readers: colour files directly, grey files as a map.
+int jpegDecode(const char* path, Decoded& d, StopFunction stop) {
+    void* p = nullptr;
+    ImageSize size{};
+    if (int st = jpegFile_read(&p, &size, d.palette.red, d.palette.green, d.palette.blue, &d.palette.count, path, 0,
+                               0, 0, 255, stop))
+        return st;
+    d.isMap = d.palette.count != 0;
+    d.image.reset(p, size, d.isMap ? IMAGEFORMAT_MAP : IMAGEFORMAT_RGB);
+    return 0;
+}
+
+// PNG for the RGB readers: the file's own mode; bilevel files are expanded
+// here with their two colours.
+int pngDecode(const char* path, Decoded& d, StopFunction stop) {
+    void* p = nullptr;
+    ImageSize size{};
+    int layout = 0;
+    if (int st = pngFile_read(&p, &size, d.palette.red, d.palette.green, d.palette.blue, &d.palette.count, path, 0,
+                              0, stop, &layout))
+        return st;
+    d.image.reset(p, size, layout);
+    if (layout == IMAGEFORMAT_BITMAP) {
+        const uint8_t fg[3] = {d.palette.red[1], d.palette.green[1], d.palette.blue[1]};
+        const uint8_t bg[3] = {d.palette.red[0], d.palette.green[0], d.palette.blue[0]};
+        uint8_t* rgb = nullptr;
+        if (int st = korImage_extBitMapToRGB(&rgb, p, &size, fg, bg, 0, stop)) {
+            if (rgb) dlmSystem_korFree(rgb);
+            return st > 0 ? IMGERR_STOPPED : st;
+        }
+        d.image.reset(rgb, size, IMAGEFORMAT_RGB);
+    }
+    d.isMap = layout == IMAGEFORMAT_MAP;
     return 0;
 }
 
 // The codec step of korImage_readFileToRGB for the types that are not
 // streamed. Types listed without a call have their codec still to come.
-int decodeForRGB(int type, const char* path, Decoded& d) {
+int decodeForRGB(int type, const char* path, Decoded& d, StopFunction stop) {
     switch (type) {
         case 9: return bmpDecode(path, d);
         case 5: return pcxDecode(path, d);
@@ -171,14 +206,14 @@ int decodeForRGB(int type, const char* path, Decoded& d) {
             d.isMap = true;
             return 0;
         }
+        case 18: return jpegDecode(path, d, stop);
+        case 28: return pngDecode(path, d, stop);
         case 0: case 3: case 29:  // TIFF
         case 1: case 16:          // Intergraph RGB
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
-        case 18:                  // JPEG
         case 21: case 22:         // fax, CALS
         case 24:                  // RLC
         case 27:                  // PMA: drawn at the requested size, see pmaDecode
-        case 28:                  // PNG
         default: return IMGERR_UNSUPPORTEDTYPE;
     }
 }
@@ -212,7 +247,7 @@ int readRGB(OwnedImage& img, const char* path, int type, const ImageSize* reques
         return st;
     }
     Decoded d;
-    if (int st = type == 27 ? pmaDecode(path, requested, stop, d) : decodeForRGB(type, path, d)) return st;
+    if (int st = type == 27 ? pmaDecode(path, requested, stop, d) : decodeForRGB(type, path, d, stop)) return st;
     if (d.isMap) {
         uint8_t* rgb = nullptr;
         ImageSize size = d.image.size();
@@ -233,9 +268,32 @@ int readRGB(OwnedImage& img, const char* path, int type, const ImageSize* reques
 // The palette-image codec step of korImage_extReadFileToMap: PackByte rows
 // and palette, or (trueColour set) nothing, for files to be read as RGB and
 // reduced.
-int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, bool& trueColour) {
+int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, bool& trueColour, StopFunction stop) {
     trueColour = false;
     switch (type) {
+        case 18: {  // grey files as 256 levels, colour files reduced
+            ImageSize size{};
+            int mode = 0;
+            if (int st = jpegFile_readInfo(&size, &mode, path)) return st;
+            if (mode == COLORMODE_RGB) {
+                trueColour = true;
+                return 0;
+            }
+            void* p = nullptr;
+            if (int st = jpegFile_read(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, 0, 0, 256, stop))
+                return st;
+            rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
+            return 0;
+        }
+        case 28: {  // asked for 256 colours
+            ImageSize size{};
+            void* p = nullptr;
+            if (int st = pngFile_read(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path,
+                                      COLORMODE_PALETTE256, 1, stop))
+                return st;
+            rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
+            return 0;
+        }
         case 9: {
             ImageSize size{};
             int mode = 0;
@@ -297,9 +355,7 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
         }
         case 0: case 3: case 29:  // TIFF palette reader
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
-        case 18:                  // JPEG (grey files as 256 levels)
         case 21: case 22:         // fax, CALS
-        case 28:                  // PNG asked for a palette
         default: return IMGERR_UNSUPPORTEDTYPE;
     }
 }
@@ -370,12 +426,12 @@ int korImage_readFileInfo(ImageSize* size, int* colorMode, int* orientation, con
         case 12: st = imageA_readInfo(&sz, &mode, path); break;
         case 27: st = imagePma_open(&sz, &mode, path); break;
         case 7: st = IMGERR_BADFORMAT; break;  // GIF: size and colours are known only by reading the image
+        case 18: st = jpegFile_readInfo(&sz, &mode, path); break;
+        case 28: st = pngFile_readInfo(&sz, &mode, path); break;
         case 0: case 3: case 29:  // TIFF
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph header
-        case 18:                  // JPEG
         case 21: case 22:         // fax, CALS
         case 24:                  // RLC
-        case 28:                  // PNG
         default: st = IMGERR_UNSUPPORTEDTYPE; break;
     }
     if (st != 0) return st;
@@ -440,8 +496,16 @@ int korImage_readFileToRGBA(uint8_t** out, ImageSize* outSize, const char* path,
                 img.reset(p, size, IMAGEFORMAT_RGB);
                 break;
             }
+            case 28: {  // PNG asked for alpha: four planes a row
+                uint8_t r[256], g[256], b[256];
+                int n = 0;
+                void* p = nullptr;
+                ImageSize size{};
+                if (int st = pngFile_read(&p, &size, r, g, b, &n, path, COLORMODE_RGBA, 0, stop)) return st;
+                img.reset(p, size, IMAGEFORMAT_RGB);
+                break;
+            }
             case 0: case 3: case 29:  // TIFF with alpha
-            case 28:                  // PNG asked for alpha
             default: return IMGERR_UNSUPPORTEDTYPE;
         }
         if (int st = resampleTo(img, requested, true, stop)) return st;
@@ -509,7 +573,7 @@ int korImage_extReadFileToMap(uint8_t*** rows, ImageSize* size, uint8_t* red, ui
     OwnedImage img;
     Palette pal;
     bool trueColour = false;
-    if (int st = decodeForMap(type, path, img, pal, trueColour)) return st;
+    if (int st = decodeForMap(type, path, img, pal, trueColour, stop)) return st;
 
     if (trueColour) {
         OwnedImage rgb;
@@ -564,11 +628,16 @@ int korImage_readFileToBitMap(void** bitmap, ImageSize* size, const char* path, 
     switch (type) {
         case 9: st = imageBmp_readToBitMap(bitmap, &sz, runLength, path, stop); break;
         case 5: st = imagePcx_readToBitMap(bitmap, &sz, runLength, path, stop); break;
+        case 28: {  // PNG asked for a bitmap
+            uint8_t r[256], g[256], b[256];
+            int n = 0;
+            st = pngFile_read(bitmap, &sz, r, g, b, &n, path, COLORMODE_BILEVEL, runLength, stop);
+            break;
+        }
         case 0: case 3: case 29:  // TIFF
         case 13: case 19: case 20: case 23:  // Intergraph
         case 21: case 22:         // fax, CALS
         case 24:                  // RLC
-        case 28:                  // PNG asked for bilevel
         default: st = IMGERR_UNSUPPORTEDTYPE; break;
     }
     if (st == 0 && size) *size = sz;

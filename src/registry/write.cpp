@@ -8,6 +8,8 @@
 // The caller's buffers are never changed: conversions work on copies.
 #include <cstring>
 
+#include "codecs/libs/jpeg.h"
+#include "codecs/libs/png.h"
 #include "codecs/native/bmp.h"
 #include "codecs/native/eps.h"
 #include "codecs/native/flic.h"
@@ -49,6 +51,46 @@ int expandToRGB(OwnedImage& rgb, const void* image, bool packed, const ImageSize
     return 0;
 }
 
+// The transparent colour that the PNG writer is given through `option`:
+// bit 24 set marks 0xRRGGBB in the low 24 bits as the colour; 0 means none.
+const uint8_t* pngTransparency(int option, uint8_t rgb[3]) {
+    if (!(option & 0x1000000)) return nullptr;
+    rgb[0] = uint8_t(option >> 16), rgb[1] = uint8_t(option >> 8), rgb[2] = uint8_t(option);
+    return rgb;
+}
+
+// JPEG from a palette image: grey levels of the palette for colour mode 4,
+// else the colours expanded to RGB.
+int jpegFromPalette(const char* path, int colourMode, const ImageSize* size, const void* image, bool packed,
+                    const uint8_t* red, const uint8_t* green, const uint8_t* blue, int count, StopFunction stop) {
+    const int quality = jpegQuality(90);
+    if (colourMode != COLORMODE_GREY) {
+        OwnedImage rgb;
+        if (int st = expandToRGB(rgb, image, packed, size, red, green, blue)) return st;
+        return jpegFile_create(path, size, rgb.bytes(), quality, COLORMODE_RGB, 0, stop);
+    }
+    Palette pal;
+    std::memcpy(pal.red, red, 256);
+    std::memcpy(pal.green, green, 256);
+    std::memcpy(pal.blue, blue, 256);
+    pal.count = count;
+    size_t bytes = 0;
+    if (!il::imageBytes(size->x, size->y, 1, &bytes)) return IMGERR_BADARG;
+    il::CallerBuffer<uint8_t> grey = il::callerBytes(bytes);
+    if (!grey) return IMGERR_NOMEMORY;
+    const void* map = image;
+    uint8_t* decoded = nullptr;
+    if (packed) {
+        if (int st = il::packByteDecodeImage(&decoded, static_cast<uint8_t* const*>(image), size)) return st;
+        map = decoded;
+    }
+    int st = korImage_convertToGreyScale(grey.get(), pal.red, pal.green, pal.blue, &pal.count, map, size,
+                                         IMAGEFORMAT_MAP, stop);
+    if (decoded) dlmSystem_korFree(decoded);
+    if (st != 0) return st;
+    return jpegFile_create(path, size, grey.get(), quality, COLORMODE_GREY, 1, stop);
+}
+
 // The palette writers of korImage_createFileFromMap and the PackByte
 // writer: the image is a byte map, or PackByte rows when packed is set.
 // IMGERR_UNSUPPORTEDTYPE for a type without one (the caller then expands).
@@ -77,11 +119,13 @@ int writePalette(const char* path, int type, int colourMode, const ImageSize* si
         case 8:
             return imageWpg_writeFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0,
                                          stop);
+        case 18: return jpegFromPalette(path, colourMode, size, image, packed, red, green, blue, count, stop);
+        case 28:
+            return pngFile_create(path, image, size, colourMode, packed ? IMAGEFORMAT_PACKBYTE : IMAGEFORMAT_MAP, red,
+                                  green, blue, count, nullptr, stop);
         case 0: case 3: case 29:  // TIFF palette writer (compression argument 0 for type 0, 1 otherwise)
         case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
-        case 18:                  // JPEG
         case 22:                  // CALS
-        case 28:                  // PNG palette writer
         default: return IMGERR_UNSUPPORTEDTYPE;
     }
 }
@@ -172,8 +216,7 @@ extern "C" {
 
 int korImage_extCreateFileFromRGB(const char* path, int type, int colorMode, const ImageSize* size,
                                   const uint8_t* rgb, int compression, int option, StopFunction stop) noexcept {
-    (void)option;  // for the PNG writer
-    (void)compression;
+    uint8_t key[3];
     if (!rgb || !size || size->x <= 0 || size->y <= 0) return IMGERR_BADARG;
     type = writeType(type, path);
     if (type < 0 || type > 39) return IMGERR_UNSUPPORTEDTYPE;
@@ -189,12 +232,16 @@ int korImage_extCreateFileFromRGB(const char* path, int type, int colorMode, con
         case 4: return imagePict_writeFromRGB(path, rgb, size, colorMode, stop);
         case 6: return imageEps_writeFromRGB(path, rgb, size, colorMode, stop);
         case 8: return imageWpg_writeFromRGB(path, rgb, size, colorMode, stop);
+        case 18:
+            return jpegFile_create(path, size, rgb, jpegQuality(compression), COLORMODE_RGB,
+                                   colorMode == COLORMODE_GREY, stop);
+        case 28:
+            return pngFile_create(path, rgb, size, colorMode, IMAGEFORMAT_RGB, nullptr, nullptr, nullptr, 0,
+                                  pngTransparency(option, key), stop);
         case 0:                   // TIFF, compression forced to 0
         case 3: case 29:          // TIFF, compression passed through
         case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
-        case 18:                  // JPEG with quality jpegQuality(compression), grey for mode 4
         case 22:                  // CALS
-        case 28:                  // PNG asked for RGB, with option
         case 39:                  // EPX
         default: return IMGERR_UNSUPPORTEDTYPE;
     }
@@ -221,8 +268,14 @@ int korImage_extCreateFileFromMap(const char* path, int type, int colorMode, con
     type = writeType(type, path);
     if (type < 0) return type;
     switch (type) {
+        case 28: {  // PNG palette writer with option (korImage_createFileFromMap when unsuitable)
+            if (colorMode < COLORMODE_PALETTE16 || colorMode > COLORMODE_GREY)
+                return korImage_createFileFromMap(path, type, colorMode, size, map, red, green, blue, count, stop);
+            uint8_t key[3];
+            return pngFile_create(path, map, size, colorMode, IMAGEFORMAT_MAP, red, green, blue, count,
+                                  pngTransparency(option, key), stop);
+        }
         case 3: case 29:  // TIFF palette writer with the given compression
-        case 28:          // PNG palette writer with option (korImage_createFileFromMap when unsuitable)
             return IMGERR_UNSUPPORTEDTYPE;
         case 0: case 4: case 5: case 7: case 8: case 9: case 10: case 11: case 13: case 14: case 15: case 17:
         case 19: case 22:
@@ -264,11 +317,14 @@ int korImage_createFileFromBitMap(const char* path, int type, const ImageSize* s
 
     switch (type) {
         case 9: return imageBmp_writeFromBitMap(path, bitmap, runLength, size, stop);
+        case 28:
+            return pngFile_create(path, bitmap, size, COLORMODE_BILEVEL,
+                                  runLength ? IMAGEFORMAT_RLEBITMAP : IMAGEFORMAT_BITMAP, nullptr, nullptr, nullptr, 0,
+                                  nullptr, stop);
         case 0:                 // TIFF bilevel writer, compression argument 0
         case 3: case 29:        // TIFF bilevel writer, compression argument 4
         case 13: case 19:       // Intergraph RLE, CIT
         case 22:                // CALS
-        case 28:                // PNG, bilevel
             return IMGERR_UNSUPPORTEDTYPE;
         default: break;
     }

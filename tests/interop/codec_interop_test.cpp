@@ -118,6 +118,19 @@ const PeerFile kPeerFiles[] = {
     {"netpbm_no_clear.gif", "pamtogif", "pgmnoise -randomseed=1 160 120 | pamtogif -noclear > {out}",
      "giftopnm {out}", 0},
     {"ppmtogif.gif", "ppmtogif", "ppmtogif {few} > {out}", "giftopnm {out}", 0},
+    // JPEG codings from cjpeg decode exactly as djpeg decodes them.
+    {"cjpeg_baseline.jpg", "cjpeg", "cjpeg {photo} > {out}", "djpeg -pnm {out}", 0},
+    {"cjpeg_progressive.jpg", "cjpeg", "cjpeg -progressive -sample 1x1 {photo} > {out}", "djpeg -pnm {out}", 0},
+    {"cjpeg_arithmetic.jpg", "cjpeg", "cjpeg -arithmetic -sample 2x1 {photo} > {out}", "djpeg -pnm {out}", 0},
+    {"cjpeg_restart.jpg", "cjpeg", "cjpeg -restart 1 -optimize {photo} > {out}", "djpeg -pnm {out}", 0},
+    {"cjpeg_grey.jpg", "cjpeg", "cjpeg -grayscale {photo} > {out}", "djpeg -pnm {out}", 0},
+    // PNG colour, palette and alpha files (grey files read through the
+    // library's grey scale, which ImageMagick does not use).
+    {"im_rgb.png", "convert", "convert {photo} -define png:color-type=2 {out}", nullptr, 0},
+    {"im_rgb_adam7.png", "convert", "convert {photo} -interlace PNG -define png:color-type=2 {out}", nullptr, 0},
+    {"im_palette.png", "convert", "convert {few} -define png:color-type=3 {out}", nullptr, 0},
+    {"im_rgba.png", "convert", "convert {photo} -alpha set -channel A -fx 'i/w' +channel -define png:color-type=6 {out}",
+     nullptr, 0},
 };
 
 const OurFile kOurFiles[] = {
@@ -145,6 +158,11 @@ const OurFile kOurFiles[] = {
     {"ours_grey_levels.gif", "photo", "--mode grey", "giftopnm", "giftopnm {out}", 0, false},
     {"ours_grey.gif", "grey", "", "convert", nullptr, 0, true},
     {"ours_bw.gif", "bw", "", "giftopnm", "giftopnm {out}", 0, true},
+    {"ours.png", "photo", "", "pngcheck", nullptr, 0, true},
+    {"ours_few.png", "few", "--mode 256", "convert", nullptr, 0, false},  // optimised palette
+    {"ours_bw.png", "bw", "", "convert", nullptr, 0, true},
+    {"ours.jpg", "photo", "--quality 90", "djpeg", "djpeg -pnm {out}", 0, false},
+    {"ours_grey.jpg", "grey", "", "djpeg", "djpeg -pnm {out}", 0, false},
 };
 
 // --- pictures ---------------------------------------------------------------
