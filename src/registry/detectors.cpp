@@ -6,11 +6,12 @@
 // PMA, RLC, Sun, Targa, BMP) are found only from their extension.
 //
 // A codec that brings a header reader plugs it in here: the "p" and "a"
-// readers, the Intergraph header, the JPEG header and the GeoTIFF check.
+// readers, the Intergraph header and the JPEG header.
 // Until then their hooks answer IMGERR_UNSUPPORTEDTYPE and the rows never
 // match.
 #include <cstring>
 
+#include "codecs/libs/tiff.h"
 #include "imagelib/types.h"
 #include "internal/bytes.h"
 #include "internal/file.h"
@@ -45,11 +46,7 @@ int detectPng(const char* path, int) {
     return std::memcmp(h, kSignature, 8) == 0 ? 0 : IMGERR_BADFILE;
 }
 
-int detectTiffByteOrder(const char* path, int) {
-    uint8_t h[2];
-    if (int st = readLeading(path, h, sizeof h)) return st;
-    return (h[0] == 'I' && h[1] == 'I') || (h[0] == 'M' && h[1] == 'M') ? 0 : IMGERR_BADFILE;
-}
+int detectTiffByteOrder(const char* path, int type) { return tiff_detect(path, type); }
 
 // ---- Hooks for header readers that later codecs provide -----------------
 
@@ -61,10 +58,7 @@ int detectAHeader(const char*, int) { return IMGERR_UNSUPPORTEDTYPE; }
 int detectJpegHeader(const char*, int) { return IMGERR_UNSUPPORTEDTYPE; }
 
 // The GeoTIFF check, after the byte order.
-int detectGeoTiff(const char* path, int type) {
-    if (int st = detectTiffByteOrder(path, type)) return st;
-    return IMGERR_UNSUPPORTEDTYPE;
-}
+int detectGeoTiff(const char* path, int type) { return tiff_detect(path, type); }
 
 // The Intergraph header: its data type and, for tiled files (65), the tile
 // header's data type.

@@ -7,6 +7,7 @@
 // that wiring a codec in is one line in each switch that names it.
 #include <cstring>
 
+#include "codecs/libs/tiff.h"
 #include "codecs/native/bmp.h"
 #include "codecs/native/pcx.h"
 #include "codecs/native/sun.h"
@@ -110,7 +111,13 @@ int decodeForRGB(int type, const char* path, Decoded& d) {
         case 9: return bmpDecode(path, d);
         case 5: return pcxDecode(path, d);
         case 10: return sunDecode(path, d);
-        case 0: case 3: case 29:  // TIFF
+        case 0: case 3: case 29: {  // TIFF, through the RGBA interface
+            uint8_t* rgb = nullptr;
+            ImageSize size{};
+            if (int st = tiff_readFileToRGBSeparate(&rgb, &size, path, 0, nullptr)) return st;
+            d.image.reset(rgb, size, IMAGEFORMAT_RGB);
+            return 0;
+        }
         case 1: case 16:          // Intergraph RGB
         case 7:                   // GIF
         case 11: case 12:         // "p" and "a"
@@ -175,7 +182,7 @@ int readRGB(OwnedImage& img, const char* path, int type, const ImageSize* reques
 // The palette-image codec step of korImage_extReadFileToMap: PackByte rows
 // and palette, or (trueColour set) nothing, for files to be read as RGB and
 // reduced.
-int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, bool& trueColour) {
+int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, bool& trueColour, StopFunction stop) {
     trueColour = false;
     switch (type) {
         case 9: {
@@ -213,7 +220,24 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
             rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
             return 0;
         }
-        case 0: case 3: case 29:  // TIFF palette reader
+        case 0: case 3: case 29: {  // TIFF palette reader
+            TiffInfo info{};
+            if (int st = tiff_readFileInfo(&info, path)) return st;
+            ImageSize size{};
+            void* p = nullptr;
+            int st = IMGERR_UNSUPPORTEDTYPE;
+            if (info.colourMode != COLORMODE_RGB && info.colourMode != COLORMODE_RGBA)
+                st = tiff_readFileToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, stop);
+            // Depths the palette reader does not take (true colour, 16-bit
+            // grey, grey with alpha) are read as RGB and reduced.
+            if (st == IMGERR_UNSUPPORTEDTYPE) {
+                trueColour = true;
+                return 0;
+            }
+            if (st != 0) return st;
+            rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
+            return 0;
+        }
         case 7:                   // GIF
         case 11:                  // "p"
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
@@ -283,7 +307,14 @@ int korImage_readFileInfo(ImageSize* size, int* colorMode, int* orientation, con
         case 9: st = imageBmp_readInfo(&sz, &mode, path); break;
         case 5: st = imagePcx_readInfo(&sz, &mode, path); break;
         case 10: st = imageSun_readInfo(&sz, &mode, path); break;
-        case 0: case 3: case 29:  // TIFF
+        case 0: case 3: case 29: {  // TIFF
+            TiffInfo info{};
+            st = tiff_readFileInfo(&info, path);
+            sz = info.size;
+            mode = info.colourMode;
+            orient = info.orientation;
+            break;
+        }
         case 7:                   // GIF
         case 11: case 12:         // "p" and "a"
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph header
@@ -308,7 +339,20 @@ int korImage_readFileInfoEx(ImageFileInfo* info, const char* path) noexcept {
     std::memset(&r, 0, sizeof r);
     r.type = resolveType(-1, path);
     if (r.type < 0) return r.type;
-    if (int st = korImage_readFileInfo(&r.size, &r.colorMode, &r.orientation, path, r.type)) return st;
+    if (r.type == 3) {  // TIFF files tell their own type (29 with a key directory) and more
+        TiffInfo t{};
+        if (int st = tiff_readFileInfo(&t, path)) return st;
+        r.type = t.type;
+        r.size = t.size;
+        r.colorMode = t.colourMode;
+        r.orientation = t.orientation;
+        r.flags = t.flags;
+        r.xResolution = t.xResolution;
+        r.yResolution = t.yResolution;
+        r.compression = t.compression;
+    } else if (int st = korImage_readFileInfo(&r.size, &r.colorMode, &r.orientation, path, r.type)) {
+        return st;
+    }
     // The Intergraph header reader fills the georeference fields here.
     *info = r;
     return 0;
@@ -357,7 +401,13 @@ int korImage_readFileToRGBA(uint8_t** out, ImageSize* outSize, const char* path,
                 img.reset(p, size, IMAGEFORMAT_RGB);
                 break;
             }
-            case 0: case 3: case 29:  // TIFF with alpha
+            case 0: case 3: case 29: {  // TIFF with alpha
+                uint8_t* p = nullptr;
+                ImageSize size{};
+                if (int st = tiff_readFileToRGBSeparate(&p, &size, path, 1, stop)) return st;
+                img.reset(p, size, IMAGEFORMAT_RGB);
+                break;
+            }
             case 28:                  // PNG asked for alpha
             default: return IMGERR_UNSUPPORTEDTYPE;
         }
@@ -426,7 +476,7 @@ int korImage_extReadFileToMap(uint8_t*** rows, ImageSize* size, uint8_t* red, ui
     OwnedImage img;
     Palette pal;
     bool trueColour = false;
-    if (int st = decodeForMap(type, path, img, pal, trueColour)) return st;
+    if (int st = decodeForMap(type, path, img, pal, trueColour, stop)) return st;
 
     if (trueColour) {
         OwnedImage rgb;
@@ -481,7 +531,7 @@ int korImage_readFileToBitMap(void** bitmap, ImageSize* size, const char* path, 
     switch (type) {
         case 9: st = imageBmp_readToBitMap(bitmap, &sz, runLength, path, stop); break;
         case 5: st = imagePcx_readToBitMap(bitmap, &sz, runLength, path, stop); break;
-        case 0: case 3: case 29:  // TIFF
+        case 0: case 3: case 29: st = tiff_readFileToBitMap(bitmap, &sz, runLength, path, stop); break;
         case 13: case 19: case 20: case 23:  // Intergraph
         case 21: case 22:         // fax, CALS
         case 24:                  // RLC
@@ -498,7 +548,7 @@ int korImage_readPalette(uint8_t* red, uint8_t* green, uint8_t* blue, int* count
     type = resolveType(type, path);
     if (type < 0) return type;
     switch (type) {
-        case 0: case 3: case 29:  // TIFF
+        case 0: case 3: case 29: return tiff_readPalette(red, green, blue, count, path);
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph
         default: return IMGERR_UNSUPPORTEDTYPE;
     }

@@ -2,6 +2,7 @@
 // writer. Opening tries the rows with an open operation in table order;
 // creating takes the row of the requested type. A codec that gains a
 // streaming handler fills its row here and nothing else changes.
+#include "codecs/libs/tiff.h"
 #include "codecs/native/bmp.h"
 #include "registry/stream.h"
 #include "registry/targa.h"
@@ -20,8 +21,8 @@ int notYetBackground(uint8_t*, const char*) noexcept { return IMGERR_UNSUPPORTED
 const Handler kHandlers[] = {
     {1, notYetOpen, notYetCreate, notYetBackground},  // Intergraph RGB
     {2, imageTga_open, imageTga_create, nullptr},     // Targa
-    {3, notYetOpen, notYetCreate, nullptr},           // TIFF, compressed when written
-    {0, nullptr, notYetCreate, nullptr},              // TIFF, uncompressed
+    {3, tiff_openStream, tiff_createStream, nullptr}, // TIFF, compressed when written
+    {0, nullptr, tiff_createStream, nullptr},         // TIFF, uncompressed
     {4, nullptr, notYetCreate, nullptr},              // PICT
     {6, nullptr, notYetCreate, nullptr},              // EPS
     {9, nullptr, imageBmp_createFile, nullptr},       // BMP, 24 bits

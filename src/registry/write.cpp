@@ -8,6 +8,7 @@
 // The caller's buffers are never changed: conversions work on copies.
 #include <cstring>
 
+#include "codecs/libs/tiff.h"
 #include "codecs/native/bmp.h"
 #include "codecs/native/pcx.h"
 #include "codecs/native/sun.h"
@@ -58,7 +59,10 @@ int writePalette(const char* path, int type, int colourMode, const ImageSize* si
         case 10:
             return imageSun_writeFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0,
                                          stop);
-        case 0: case 3: case 29:  // TIFF palette writer (compression argument 0 for type 0, 1 otherwise)
+        case 0: case 3: case 29: {  // TIFF palette writer (compression argument 0 for type 0, 1 otherwise)
+            TiffMapOptions o{count, *size, colourMode, type == 0 ? 0 : 1, packed ? 1 : 0, stop};
+            return tiff_createFileFromMap(path, image, red, green, blue, &o);
+        }
         case 4:                   // PICT
         case 7:                   // GIF
         case 8:                   // WPG
@@ -159,7 +163,6 @@ extern "C" {
 int korImage_extCreateFileFromRGB(const char* path, int type, int colorMode, const ImageSize* size,
                                   const uint8_t* rgb, int compression, int option, StopFunction stop) noexcept {
     (void)option;  // for the PNG writer
-    (void)compression;
     if (!rgb || !size || size->x <= 0 || size->y <= 0) return IMGERR_BADARG;
     type = writeType(type, path);
     if (type < 0 || type > 39) return IMGERR_UNSUPPORTEDTYPE;
@@ -168,8 +171,8 @@ int korImage_extCreateFileFromRGB(const char* path, int type, int colorMode, con
         case 9: return imageBmp_writeFromRGB(path, rgb, size, colorMode, stop);
         case 5: return imagePcx_writeFromRGB(path, rgb, size, colorMode, stop);
         case 10: return imageSun_writeFromRGB(path, rgb, size, colorMode, stop);
-        case 0:                   // TIFF, compression forced to 0
-        case 3: case 29:          // TIFF, compression passed through
+        case 0: return tiff_createFileFromRGB(path, rgb, size, colorMode, 0, stop);  // compression forced to 0
+        case 3: case 29: return tiff_createFileFromRGB(path, rgb, size, colorMode, compression, stop);
         case 4:                   // PICT
         case 6:                   // EPS
         case 7:                   // GIF: writable here though not listed for export, on purpose
@@ -206,7 +209,10 @@ int korImage_extCreateFileFromMap(const char* path, int type, int colorMode, con
     type = writeType(type, path);
     if (type < 0) return type;
     switch (type) {
-        case 3: case 29:  // TIFF palette writer with the given compression
+        case 3: case 29: {  // TIFF palette writer with the given compression
+            TiffMapOptions o{count, *size, colorMode, compression, 0, stop};
+            return tiff_createFileFromMap(path, map, red, green, blue, &o);
+        }
         case 28:          // PNG palette writer with option (korImage_createFileFromMap when unsuitable)
             return IMGERR_UNSUPPORTEDTYPE;
         case 0: case 4: case 5: case 7: case 8: case 9: case 10: case 11: case 13: case 14: case 15: case 17:
@@ -249,8 +255,12 @@ int korImage_createFileFromBitMap(const char* path, int type, const ImageSize* s
 
     switch (type) {
         case 9: return imageBmp_writeFromBitMap(path, bitmap, runLength, size, stop);
-        case 0:                 // TIFF bilevel writer, compression argument 0
-        case 3: case 29:        // TIFF bilevel writer, compression argument 4
+        case 0: return tiff_createFileFromBitMap(path, bitmap, runLength, size, 0, 0, stop);
+        case 3: case 29: {  // Group 4; black on white is written min-is-white
+            const bool blackOnWhite = fg[0] == 0 && fg[1] == 0 && fg[2] == 0 && bg[0] == 255 && bg[1] == 255 &&
+                                      bg[2] == 255;
+            return tiff_createFileFromBitMap(path, bitmap, runLength, size, 4, blackOnWhite ? 1 : 0, stop);
+        }
         case 13: case 19:       // Intergraph RLE, CIT
         case 22:                // CALS
         case 28:                // PNG, bilevel
