@@ -128,6 +128,10 @@ struct RgbaJob {
     int rowsDone = 0;
     bool halted = false;
     bool bad = false;
+    // libtiff's 16-bit grey routine steps over the skipped samples of a
+    // clipped tile one byte per sample; its skew is scaled here so that the
+    // right-hand tiles come out right.
+    int32_t skewScale = 1;
 };
 thread_local RgbaJob* g_rgba = nullptr;
 
@@ -170,7 +174,7 @@ void putContig(TIFFRGBAImage* img, uint32_t*, uint32_t x, uint32_t y, uint32_t w
         j.bad = true;
         return;
     }
-    j.contig(img, j.raster, x, y, w, h, fromskew, 0, pp);
+    j.contig(img, j.raster, x, y, w, h, fromskew * j.skewScale, 0, pp);
     spread(j, x, y, w, h);
 }
 
@@ -543,6 +547,9 @@ int tiff_readFileToRGBSeparate(uint8_t** buffer, ImageSize* size, const char* pa
     j.stop = stop;
     if (img.isContig) {
         if (!img.put.contig) return IMGERR_BADFILE;
+        if (img.bitspersample == 16 &&
+            (img.photometric == PHOTOMETRIC_MINISBLACK || img.photometric == PHOTOMETRIC_MINISWHITE))
+            j.skewScale = 2 * img.samplesperpixel;
         j.contig = img.put.contig;
         img.put.contig = putContig;
     } else {
