@@ -1,6 +1,7 @@
 // GeoTIFF key directories and transforms through libgeotiff.
 #include "codecs/libs/geotiff.h"
 
+#include <cstdarg>
 #include <cstring>
 #include <memory>
 
@@ -23,6 +24,17 @@ struct Handles {
         if (tif) XTIFFClose(tif);
     }
 };
+
+// libgeotiff's complaints go through the TIFF message handler, so that the
+// message flags and suppression hold for them too.
+void geoError(GTIF*, int, const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    tiff_messageHandler("GeoTIFF", format, ap);
+    va_end(ap);
+}
+
+GTIF* geoNew(TIFF* tif) { return GTIFNewEx(tif, geoError, nullptr); }
 
 // Messages off for the lifetime of the object.
 struct Quiet {
@@ -52,7 +64,7 @@ int doubles(TIFF* tif, ttag_t tag, double** values) {
 int openKeys(Handles& h, const char* path, const char* mode, bool report, int* model) {
     h.tif = path ? XTIFFOpen(path, mode) : nullptr;
     if (!h.tif) return IMGERR_OPENFAILED;
-    h.gtif = GTIFNew(h.tif);
+    h.gtif = geoNew(h.tif);
     if (!h.gtif) {
         int v = storedVersion(h.tif);
         if (v >= 2) {
@@ -95,7 +107,7 @@ bool tiff_hasGeoKeys(TIFF* tif) noexcept {
     uint16_t count = 0;
     uint16_t* keys = nullptr;
     if (!TIFFGetField(tif, TIFFTAG_GEOKEYDIRECTORY, &count, &keys) || !keys || count < 4) return false;
-    GTIF* g = GTIFNew(tif);
+    GTIF* g = geoNew(tif);
     if (!g) return false;
     GTIFFree(g);
     return true;
@@ -191,7 +203,7 @@ int tiff_updateGeoReference(const double* origin, const double* extent, const ch
             TIFFSetField(h.tif, TIFFTAG_GEOTRANSMATRIX, 16, m);
         }
     } else {
-        h.gtif = GTIFNew(h.tif);
+        h.gtif = geoNew(h.tif);
         if (!h.gtif) return IMGERR_NOMEMORY;
         GTIFKeySet(h.gtif, GTModelTypeGeoKey, TYPE_SHORT, 1, kGeoModelAdded);
         TIFFSetField(h.tif, TIFFTAG_GEOTRANSMATRIX, 16, m);
