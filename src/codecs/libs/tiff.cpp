@@ -974,14 +974,17 @@ int tiff_openStream(ImageFileContext* ctx, const char* path) noexcept {
     if (!TIFFGetField(t, TIFFTAG_IMAGELENGTH, &h) || !TIFFGetField(t, TIFFTAG_IMAGEWIDTH, &w) ||
         !il::imageBytes(w, h, 4) || !plausible(path, w, h, 1))
         return IMGSTAT_STREAM_STOPPED;
-    const tmsize_t scan = TIFFScanlineSize(t);
-    if (scan <= 0 || !s->line.allocate(std::max(size_t(4) * w, size_t(scan)), il::tag("TfSl"), true))
-        return IMGSTAT_NO_ROW_BUFFER;
     uint16_t orientation = 1;
     if (!TIFFGetField(t, TIFFTAG_PHOTOMETRIC, &s->photometric)) return 5;
     if (!TIFFGetField(t, TIFFTAG_ORIENTATION, &orientation)) orientation = 1;
     if (!TIFFGetField(t, TIFFTAG_SAMPLESPERPIXEL, &s->samples)) s->samples = 1;
     if (!TIFFGetField(t, TIFFTAG_BITSPERSAMPLE, &s->bits)) s->bits = 1;
+    // The row reader walks (bits x samples + 7) / 8 bytes a pixel whatever
+    // the planar layout: the line holds that much, and libtiff's scanline.
+    const tmsize_t scan = TIFFScanlineSize(t);
+    const size_t walk = size_t(w) * ((size_t(s->bits) * s->samples + 7) / 8) + 3;
+    if (scan <= 0 || !s->line.allocate(std::max({size_t(4) * w, size_t(scan), walk}), il::tag("TfSl"), true))
+        return IMGSTAT_NO_ROW_BUFFER;
     const int bpp = s->bits * s->samples;
     switch (s->photometric) {
         case PHOTOMETRIC_MINISBLACK:
