@@ -57,11 +57,56 @@
 39 EPX material (*.epx)
 99 All files (*.*)
 
-# TIFF library messages: filled in with the TIFF codec.
+# TIFF library messages: number 2 is the severity label; the others are
+# libtiff's own texts under the numbers the library gives them (the
+# arguments are libtiff's), and the library's own messages.
 [list -7505]
+2 TIFF:
+3 Invalid TIFF directory; tags are not sorted in ascending order
+4 Nonstandard tile length %u, convert file
+5 Cannot handle zero strip size
+6 Cannot handle zero tile size
+7 Sorry, can not handle images with %u-bit samples
+8 Missing required "Colormap" tag
+9 Decoding error at scanline %lu
+10 TIFF directory is missing required "%s" field
+11 Incorrect count for "%s"; tag ignored
+12 Cannot handle different values per sample for "%s"; tag ignored
+13 Invalid data type for tag %s
+14 Cannot handle zero scanline size
+15 Not enough data for scanline %u, expected a request for at most %ld bytes, got a request for %ld bytes
+16 Photometric tag is missing, assuming data is YCbCr
+17 BitsPerSample tag is missing, assuming 8 bits per sample
+18 SamplesPerPixel tag is missing, assuming correct SamplesPerPixel value is 3
+27 ASCII value for tag "%s" does not end in null byte. Forcing it to be null
+28 Unknown field with tag %u (0x%x) encountered
+30 Wrong data type %u for "%s"; tag ignored
+33 TIFF directory is missing required "%s" field, calculating from imagelength
+37 Bogus "%s" field, ignoring and calculating from imagelength
+38 Wrong "%s" field, ignoring and calculating from imagelength
+53 Sum of Photometric type-related color channels and ExtraSamples doesn't match SamplesPerPixel. Defining non-color channels as ExtraSamples.
+55 Nonstandard tile width %u, convert file
+62 Orientation %u is not supported: the image is read with its rows as stored, bottom row first.
+63 Orientation %u is not supported: the image is read with its rows as stored, top row first.
+64 Out of memory.
+65 No space for a working buffer.
+88 incorrect count for field "%s" (%lu, expecting %u); tag trimmed
+89 incorrect count for field "%s" (%lu, expecting %u); tag ignored
+132 Cannot read the image size of the file.
+171 GeoTIFF key directory version %d.%d.%d is not supported.
+172 The GeoTIFF key directory has no model type (GTModelTypeGeoKey).
+174 The GeoTIFF pixel scale has no tie point: the georeference is left unchanged.
 
-# zlib messages: filled in with the TIFF codec.
+# Texts of the compression library (zlib), by its status code.
 [list -7507]
+2 need dictionary
+1 stream end
+-1 file error
+-2 stream error
+-3 data error
+-4 insufficient memory
+-5 buffer error
+-6 incompatible version
 
 [list -7508]
 1 Reading image...

@@ -120,6 +120,30 @@ IMAGELIB_API int korImage_setMapPolygon(void* image, int* filled, const ImageSiz
 IMAGELIB_API int korImage_setRGBPolygon(uint8_t* image, int* filled, const ImageSize* size, const double* points, int pointCount, int outside, const uint8_t* rgb, StopFunction stop) IMAGELIB_NOEXCEPT;
 /* (end of polygon) */
 
+/* ==== geotiff: GeoTIFF georeference ==== */
+/* The georeference of a GeoTIFF file as 12 doubles: the first three rows of
+   the 4 x 4 model transformation, row-major, with the origin moved to the
+   lower left of the raster (files with a pixel scale, and model types 63554
+   and 63502, have their y axis turned; a transform that grows y downwards
+   gets its origin moved down by the height). A file with a pixel scale and
+   tie point instead gives the scale on the diagonal and the tie point moved
+   to the origin. transform is left untouched when the file has no usable
+   key directory (version 2 or more: message 171; no model type: 172; pixel
+   scale without tie point: 174). 0 once the file opened and its size was
+   read; IMGERR_OPENFAILED, IMGERR_BADFILE otherwise. */
+IMAGELIB_API int korImage_readGeoTiffInfo(double* transform, const char* path) IMAGELIB_NOEXCEPT;
+
+/* Writes a georeference: origin (x, y, z of the lower-left corner in model
+   units) and extent (width and height of the whole raster). A GeoTIFF has
+   its transform (or pixel scale and tie point) rewritten; a plain TIFF gets
+   a transform and model type 63555 when addIfAbsent is set (else
+   IMGERR_BADIMAGEFORMAT). Intergraph raster types update their attachment
+   packets. Types outside 3..29: IMGERR_BADIMAGEFORMAT. IMGERR_GEOKEYVERSION
+   for a key directory of version 2 or more. */
+IMAGELIB_API int korImage_updateGeoReference(const double* origin, const double* extent, const char* path,
+                                             int addIfAbsent) IMAGELIB_NOEXCEPT;
+/* (end of geotiff) */
+
 IMAGELIB_EXTERN_C_END
 
 #endif

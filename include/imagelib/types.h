@@ -82,6 +82,7 @@ typedef int (*StopFunction)(int total, int done);
 #define IMGERR_BADSCREEN (-152)
 #define IMGERR_BADFILE (-154)
 #define IMGERR_BADFORMAT (-156)
+#define IMGERR_GEOKEYVERSION (-910)
 /* Host status-bar command answer that counts as success. */
 #define IMGERR_HOSTSTATUSBAR (-742)
 

@@ -6,7 +6,7 @@
 // PMA, RLC, Sun, Targa, BMP) are found only from their extension.
 //
 // A codec that brings a header reader plugs it in here: the "p" and "a"
-// readers, the Intergraph header, the JPEG header and the GeoTIFF check.
+// readers, the Intergraph header and the JPEG header.
 // Until then their hooks answer IMGERR_UNSUPPORTEDTYPE and the rows never
 // match.
 #include <cstring>
@@ -14,6 +14,7 @@
 #include "codecs/native/pa.h"
 #include "codecs/libs/jpeg.h"
 #include "codecs/libs/png.h"
+#include "codecs/libs/tiff.h"
 #include "imagelib/types.h"
 #include "internal/bytes.h"
 #include "internal/file.h"
@@ -43,11 +44,7 @@ int detectFlic(const char* path, int type) {
 
 int detectPng(const char* path, int) { return pngFile_detect(path); }
 
-int detectTiffByteOrder(const char* path, int) {
-    uint8_t h[2];
-    if (int st = readLeading(path, h, sizeof h)) return st;
-    return (h[0] == 'I' && h[1] == 'I') || (h[0] == 'M' && h[1] == 'M') ? 0 : IMGERR_BADFILE;
-}
+int detectTiffByteOrder(const char* path, int type) { return tiff_detect(path, type); }
 
 // ---- Hooks for header readers that later codecs provide -----------------
 
@@ -59,10 +56,7 @@ int detectAHeader(const char* path, int) { return imageA_detect(path) ? 0 : IMGE
 int detectJpegHeader(const char* path, int) { return jpegFile_detect(path); }
 
 // The GeoTIFF check, after the byte order.
-int detectGeoTiff(const char* path, int type) {
-    if (int st = detectTiffByteOrder(path, type)) return st;
-    return IMGERR_UNSUPPORTEDTYPE;
-}
+int detectGeoTiff(const char* path, int type) { return tiff_detect(path, type); }
 
 // The Intergraph header: its data type and, for tiled files (65), the tile
 // header's data type.

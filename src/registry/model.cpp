@@ -59,6 +59,7 @@ const char* imagelib_statusText(int status) noexcept {
         case IMGERR_BADSCREEN: return "invalid screen number";
         case IMGERR_BADFILE: return "invalid or corrupt file";
         case IMGERR_BADFORMAT: return "unsupported depth, compression or organisation";
+        case IMGERR_GEOKEYVERSION: return "GeoTIFF key directory version not supported";
         case IMGERR_HOSTSTATUSBAR: return "status bar not available";
         default: return "unknown status";
     }

@@ -9,6 +9,7 @@
 
 #include "codecs/libs/jpeg.h"
 #include "codecs/libs/png.h"
+#include "codecs/libs/tiff.h"
 #include "codecs/native/bmp.h"
 #include "codecs/native/flic.h"
 #include "codecs/native/gif.h"
@@ -211,7 +212,13 @@ int decodeForRGB(int type, const char* path, Decoded& d, StopFunction stop) {
         }
         case 18: return jpegDecode(path, d, stop);
         case 28: return pngDecode(path, d, stop);
-        case 0: case 3: case 29:  // TIFF
+        case 0: case 3: case 29: {  // TIFF, through the RGBA interface
+            uint8_t* rgb = nullptr;
+            ImageSize size{};
+            if (int st = tiff_readFileToRGBSeparate(&rgb, &size, path, 0, nullptr)) return st;
+            d.image.reset(rgb, size, IMAGEFORMAT_RGB);
+            return 0;
+        }
         case 1: case 16:          // Intergraph RGB
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
         case 21: case 22:         // fax, CALS
@@ -356,7 +363,24 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
             rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
             return 0;
         }
-        case 0: case 3: case 29:  // TIFF palette reader
+        case 0: case 3: case 29: {  // TIFF palette reader
+            TiffInfo info{};
+            if (int st = tiff_readFileInfo(&info, path)) return st;
+            ImageSize size{};
+            void* p = nullptr;
+            int st = IMGERR_UNSUPPORTEDTYPE;
+            if (info.colourMode != COLORMODE_RGB && info.colourMode != COLORMODE_RGBA)
+                st = tiff_readFileToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, stop);
+            // Depths the palette reader does not take (true colour, 16-bit
+            // grey, grey with alpha) are read as RGB and reduced.
+            if (st == IMGERR_UNSUPPORTEDTYPE) {
+                trueColour = true;
+                return 0;
+            }
+            if (st != 0) return st;
+            rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
+            return 0;
+        }
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
         case 21: case 22:         // fax, CALS
         default: return IMGERR_UNSUPPORTEDTYPE;
@@ -431,7 +455,14 @@ int korImage_readFileInfo(ImageSize* size, int* colorMode, int* orientation, con
         case 7: st = IMGERR_BADFORMAT; break;  // GIF: size and colours are known only by reading the image
         case 18: st = jpegFile_readInfo(&sz, &mode, path); break;
         case 28: st = pngFile_readInfo(&sz, &mode, path); break;
-        case 0: case 3: case 29:  // TIFF
+        case 0: case 3: case 29: {  // TIFF
+            TiffInfo info{};
+            st = tiff_readFileInfo(&info, path);
+            sz = info.size;
+            mode = info.colourMode;
+            orient = info.orientation;
+            break;
+        }
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph header
         case 21: case 22:         // fax, CALS
         case 24:                  // RLC
@@ -450,7 +481,20 @@ int korImage_readFileInfoEx(ImageFileInfo* info, const char* path) noexcept {
     std::memset(&r, 0, sizeof r);
     r.type = resolveType(-1, path);
     if (r.type < 0) return r.type;
-    if (int st = korImage_readFileInfo(&r.size, &r.colorMode, &r.orientation, path, r.type)) return st;
+    if (r.type == 3) {  // TIFF files tell their own type (29 with a key directory) and more
+        TiffInfo t{};
+        if (int st = tiff_readFileInfo(&t, path)) return st;
+        r.type = t.type;
+        r.size = t.size;
+        r.colorMode = t.colourMode;
+        r.orientation = t.orientation;
+        r.flags = t.flags;
+        r.xResolution = t.xResolution;
+        r.yResolution = t.yResolution;
+        r.compression = t.compression;
+    } else if (int st = korImage_readFileInfo(&r.size, &r.colorMode, &r.orientation, path, r.type)) {
+        return st;
+    }
     // The Intergraph header reader fills the georeference fields here.
     *info = r;
     return 0;
@@ -508,7 +552,13 @@ int korImage_readFileToRGBA(uint8_t** out, ImageSize* outSize, const char* path,
                 img.reset(p, size, IMAGEFORMAT_RGB);
                 break;
             }
-            case 0: case 3: case 29:  // TIFF with alpha
+            case 0: case 3: case 29: {  // TIFF with alpha
+                uint8_t* p = nullptr;
+                ImageSize size{};
+                if (int st = tiff_readFileToRGBSeparate(&p, &size, path, 1, stop)) return st;
+                img.reset(p, size, IMAGEFORMAT_RGB);
+                break;
+            }
             default: return IMGERR_UNSUPPORTEDTYPE;
         }
         if (int st = resampleTo(img, requested, true, stop)) return st;
@@ -637,7 +687,7 @@ int korImage_readFileToBitMap(void** bitmap, ImageSize* size, const char* path, 
             st = pngFile_read(bitmap, &sz, r, g, b, &n, path, COLORMODE_BILEVEL, runLength, stop);
             break;
         }
-        case 0: case 3: case 29:  // TIFF
+        case 0: case 3: case 29: st = tiff_readFileToBitMap(bitmap, &sz, runLength, path, stop); break;
         case 13: case 19: case 20: case 23:  // Intergraph
         case 21: case 22:         // fax, CALS
         case 24:                  // RLC
@@ -653,7 +703,7 @@ int korImage_readPalette(uint8_t* red, uint8_t* green, uint8_t* blue, int* count
     type = resolveType(type, path);
     if (type < 0) return type;
     switch (type) {
-        case 0: case 3: case 29:  // TIFF
+        case 0: case 3: case 29: return tiff_readPalette(red, green, blue, count, path);
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph
         default: return IMGERR_UNSUPPORTEDTYPE;
     }

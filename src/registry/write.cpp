@@ -10,6 +10,7 @@
 
 #include "codecs/libs/jpeg.h"
 #include "codecs/libs/png.h"
+#include "codecs/libs/tiff.h"
 #include "codecs/native/bmp.h"
 #include "codecs/native/eps.h"
 #include "codecs/native/flic.h"
@@ -123,7 +124,10 @@ int writePalette(const char* path, int type, int colourMode, const ImageSize* si
         case 28:
             return pngFile_create(path, image, size, colourMode, packed ? IMAGEFORMAT_PACKBYTE : IMAGEFORMAT_MAP, red,
                                   green, blue, count, nullptr, stop);
-        case 0: case 3: case 29:  // TIFF palette writer (compression argument 0 for type 0, 1 otherwise)
+        case 0: case 3: case 29: {  // TIFF palette writer (compression argument 0 for type 0, 1 otherwise)
+            TiffMapOptions o{count, *size, colourMode, type == 0 ? 0 : 1, packed ? 1 : 0, stop};
+            return tiff_createFileFromMap(path, image, red, green, blue, &o);
+        }
         case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
         case 22:                  // CALS
         default: return IMGERR_UNSUPPORTEDTYPE;
@@ -217,6 +221,7 @@ extern "C" {
 int korImage_extCreateFileFromRGB(const char* path, int type, int colorMode, const ImageSize* size,
                                   const uint8_t* rgb, int compression, int option, StopFunction stop) noexcept {
     uint8_t key[3];
+    (void)option;  // for the PNG writer
     if (!rgb || !size || size->x <= 0 || size->y <= 0) return IMGERR_BADARG;
     type = writeType(type, path);
     if (type < 0 || type > 39) return IMGERR_UNSUPPORTEDTYPE;
@@ -238,8 +243,8 @@ int korImage_extCreateFileFromRGB(const char* path, int type, int colorMode, con
         case 28:
             return pngFile_create(path, rgb, size, colorMode, IMAGEFORMAT_RGB, nullptr, nullptr, nullptr, 0,
                                   pngTransparency(option, key), stop);
-        case 0:                   // TIFF, compression forced to 0
-        case 3: case 29:          // TIFF, compression passed through
+        case 0: return tiff_createFileFromRGB(path, rgb, size, colorMode, 0, stop);  // compression forced to 0
+        case 3: case 29: return tiff_createFileFromRGB(path, rgb, size, colorMode, compression, stop);
         case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
         case 22:                  // CALS
         case 39:                  // EPX
@@ -275,8 +280,10 @@ int korImage_extCreateFileFromMap(const char* path, int type, int colorMode, con
             return pngFile_create(path, map, size, colorMode, IMAGEFORMAT_MAP, red, green, blue, count,
                                   pngTransparency(option, key), stop);
         }
-        case 3: case 29:  // TIFF palette writer with the given compression
-            return IMGERR_UNSUPPORTEDTYPE;
+        case 3: case 29: {  // TIFF palette writer with the given compression
+            TiffMapOptions o{count, *size, colorMode, compression, 0, stop};
+            return tiff_createFileFromMap(path, map, red, green, blue, &o);
+        }
         case 0: case 4: case 5: case 7: case 8: case 9: case 10: case 11: case 13: case 14: case 15: case 17:
         case 19: case 22:
             return korImage_createFileFromMap(path, type, colorMode, size, map, red, green, blue, count, stop);
@@ -321,8 +328,12 @@ int korImage_createFileFromBitMap(const char* path, int type, const ImageSize* s
             return pngFile_create(path, bitmap, size, COLORMODE_BILEVEL,
                                   runLength ? IMAGEFORMAT_RLEBITMAP : IMAGEFORMAT_BITMAP, nullptr, nullptr, nullptr, 0,
                                   nullptr, stop);
-        case 0:                 // TIFF bilevel writer, compression argument 0
-        case 3: case 29:        // TIFF bilevel writer, compression argument 4
+        case 0: return tiff_createFileFromBitMap(path, bitmap, runLength, size, 0, 0, stop);
+        case 3: case 29: {  // Group 4; black on white is written min-is-white
+            const bool blackOnWhite = fg[0] == 0 && fg[1] == 0 && fg[2] == 0 && bg[0] == 255 && bg[1] == 255 &&
+                                      bg[2] == 255;
+            return tiff_createFileFromBitMap(path, bitmap, runLength, size, 4, blackOnWhite ? 1 : 0, stop);
+        }
         case 13: case 19:       // Intergraph RLE, CIT
         case 22:                // CALS
             return IMGERR_UNSUPPORTEDTYPE;

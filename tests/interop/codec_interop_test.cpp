@@ -131,6 +131,22 @@ const PeerFile kPeerFiles[] = {
     {"im_palette.png", "convert", "convert {few} -define png:color-type=3 {out}", nullptr, 0},
     {"im_rgba.png", "convert", "convert {photo} -alpha set -channel A -fx 'i/w' +channel -define png:color-type=6 {out}",
      nullptr, 0},
+    // TIFF through libtiff: strips and tiles, the common compressions, both
+    // byte orders, separate planes, 16 bits, grey and palettes.
+    {"im_lzw_pred.tif", "convert", "convert {photo} -compress LZW -define tiff:predictor=2 {out}", nullptr, 0},
+    {"im_zip_tiles.tif", "convert", "convert {photo} -compress Zip -define tiff:tile-geometry=16x16 {out}", nullptr, 0},
+    {"im_packbits_msb.tif", "convert", "convert {photo} -compress RLE -endian MSB {out}", nullptr, 0},
+    {"im_planes16.tif", "convert", "convert {photo} -depth 16 -interlace Plane {out}", nullptr, 0},
+    {"im_grey.tif", "convert", "convert {grey} {out}", nullptr, 0},
+    {"im_pal8.tif", "convert", "convert {few} -type Palette -depth 8 {out}", nullptr, 0},
+    {"im_pal4.tif", "convert", "convert {few} -type Palette -depth 4 {out}", nullptr, 0},
+    {"tiffcp_lzw_tiles.tif", "tiffcp",
+     "convert {photo} -compress None {out}.src.tif && tiffcp -c lzw:2 -t -w 16 -l 16 {out}.src.tif {out}", nullptr, 0},
+    {"gdal_deflate_bands.tif", "gdal_translate",
+     "gdal_translate -q -co INTERLEAVE=BAND -co COMPRESS=DEFLATE {photo} {out}", nullptr, 0},
+    // Bilevel TIFF in both polarities.
+    {"im_g4.tif", "convert", "convert {bw} -compress Group4 {out}", nullptr, 0},
+    {"im_minblack.tif", "convert", "convert {bw} -define quantum:polarity=min-is-black {out}", nullptr, 0},
 };
 
 const OurFile kOurFiles[] = {
@@ -163,6 +179,15 @@ const OurFile kOurFiles[] = {
     {"ours_bw.png", "bw", "", "convert", nullptr, 0, true},
     {"ours.jpg", "photo", "--quality 90", "djpeg", "djpeg -pnm {out}", 0, false},
     {"ours_grey.jpg", "grey", "", "djpeg", "djpeg -pnm {out}", 0, false},
+    {"ours_rgb.tif", "photo", "", "convert", nullptr, 0, true},
+    {"ours_lzw.tif", "photo", "--compression -5", "convert", nullptr, 0, true},
+    {"ours_deflate.tif", "photo", "--compression 32946", "convert", nullptr, 0, true},
+    // Palette TIFF files hold value x 256 in their ColorMap: other readers
+    // see 255 as 254.
+    {"ours_few.tif", "few", "--mode 256", "convert", nullptr, 1, false},
+    {"ours_grey.tif", "grey", "--mode grey", "convert", nullptr, 1, true},
+    // Group 4, min-is-white.
+    {"ours_bw.tif", "bw", "", "convert", nullptr, 0, false},
 };
 
 // --- pictures ---------------------------------------------------------------

@@ -1,4 +1,6 @@
 // imagelib info / imagelib convert
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -94,6 +96,14 @@ int cmdInfo(const Args& args) {
                     jsonString(file).c_str(), info.type, jsonString(ext).c_str(), info.size.x, info.size.y,
                     info.colorMode, modeName(info.colorMode), info.orientation);
         if (movie) std::printf(", \"frames\": %d", frames);
+        double m[12];
+        std::fill(m, m + 12, std::nan(""));  // left so when the file's key directory is refused
+        if (info.type == 29 && korImage_readGeoTiffInfo(m, file.c_str()) == 0 && !std::isnan(m[0])) {
+            // The 12 numbers of the GeoTIFF transform, in the library's order.
+            std::printf(", \"geoTransform\": [");
+            for (int i = 0; i < 12; ++i) std::printf("%s%.17g", i ? ", " : "", m[i]);
+            std::printf("]");
+        }
         std::printf("}\n");
     } else {
         std::printf("file:        %s\ntype:        %d (%s)\nsize:        %d x %d\ncolour mode: %d (%s)\n"
