@@ -20,7 +20,7 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 // A PNG written with libpng from rows of packed samples.
-struct PngSpec {
+struct PngLayout {
     int width = 4, height = 3, colourType = PNG_COLOR_TYPE_GRAY, depth = 8;
     std::vector<Bytes> rows;
     std::vector<png_color> palette;
@@ -28,7 +28,7 @@ struct PngSpec {
     const png_color_16* background = nullptr;
 };
 
-bool writePng(const std::string& path, const PngSpec& s) {
+bool writePng(const std::string& path, const PngLayout& s) {
     FILE* f = std::fopen(path.c_str(), "wb");
     if (!f) return false;
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
@@ -71,10 +71,10 @@ protected:
 };
 
 TEST_F(Png, TwoBitGreyReadsWithTheGreyScaleRule) {
-    PngSpec spec;
-    spec.depth = 2;
-    spec.rows = {{0x1B}, {0xE4}, {0x00}};  // samples 0 1 2 3 / 3 2 1 0 / 0 0 0 0
-    ASSERT_TRUE(writePng(file, spec));
+    PngLayout png;
+    png.depth = 2;
+    png.rows = {{0x1B}, {0xE4}, {0x00}};  // samples 0 1 2 3 / 3 2 1 0 / 0 0 0 0
+    ASSERT_TRUE(writePng(file, png));
     int mode = 0;
     ASSERT_EQ(pngFile_readInfo(&s, &mode, file.c_str()), 0);
     EXPECT_EQ(mode, COLORMODE_GREY);
@@ -95,13 +95,13 @@ TEST_F(Png, TwoBitGreyReadsWithTheGreyScaleRule) {
 }
 
 TEST_F(Png, OneBitPaletteIsBilevel) {
-    PngSpec spec;
-    spec.colourType = PNG_COLOR_TYPE_PALETTE;
-    spec.depth = 1;
-    spec.width = 10;
-    spec.palette = {{250, 250, 0}, {0, 0, 90}};  // entry 1 is the darker
-    spec.rows = {{0xA5, 0xC0}, {0x00, 0x00}, {0xFF, 0xC0}};
-    ASSERT_TRUE(writePng(file, spec));
+    PngLayout png;
+    png.colourType = PNG_COLOR_TYPE_PALETTE;
+    png.depth = 1;
+    png.width = 10;
+    png.palette = {{250, 250, 0}, {0, 0, 90}};  // entry 1 is the darker
+    png.rows = {{0xA5, 0xC0}, {0x00, 0x00}, {0xFF, 0xC0}};
+    ASSERT_TRUE(writePng(file, png));
     int mode = 0;
     ASSERT_EQ(pngFile_readInfo(nullptr, &mode, file.c_str()), 0);
     EXPECT_EQ(mode, COLORMODE_BILEVEL);
@@ -113,8 +113,8 @@ TEST_F(Png, OneBitPaletteIsBilevel) {
     EXPECT_EQ(layout, IMAGEFORMAT_RLEBITMAP);
 
     // With the darker colour first the bits are turned over (padding stays clear).
-    std::swap(spec.palette[0], spec.palette[1]);
-    ASSERT_TRUE(writePng(file, spec));
+    std::swap(png.palette[0], png.palette[1]);
+    ASSERT_TRUE(writePng(file, png));
     ASSERT_EQ(read(COLORMODE_BILEVEL), 0);
     EXPECT_EQ(Bytes(px(), px() + 6), (Bytes{0x5A, 0x00, 0xFF, 0xC0, 0x00, 0x00}));
     ASSERT_EQ(read(0), 0);  // the file's own mode keeps the indices and palette
@@ -124,11 +124,11 @@ TEST_F(Png, OneBitPaletteIsBilevel) {
 }
 
 TEST_F(Png, WantedModesAndRefusals) {
-    PngSpec spec;
-    spec.colourType = PNG_COLOR_TYPE_RGB_ALPHA;
-    spec.width = 3;
-    spec.rows.assign(3, Bytes{10, 20, 30, 255, 40, 50, 60, 128, 70, 80, 90, 0});
-    ASSERT_TRUE(writePng(file, spec));
+    PngLayout png;
+    png.colourType = PNG_COLOR_TYPE_RGB_ALPHA;
+    png.width = 3;
+    png.rows.assign(3, Bytes{10, 20, 30, 255, 40, 50, 60, 128, 70, 80, 90, 0});
+    ASSERT_TRUE(writePng(file, png));
     EXPECT_EQ(read(COLORMODE_BILEVEL), IMGERR_DECODEFAILED);
     ASSERT_EQ(read(COLORMODE_RGBA), 0);  // four planes a row
     EXPECT_EQ(Bytes(px(), px() + 12), (Bytes{10, 40, 70, 20, 50, 80, 30, 60, 90, 255, 128, 0}));
@@ -142,9 +142,9 @@ TEST_F(Png, WantedModesAndRefusals) {
     EXPECT_NEAR(r[row[1]], 40, 8);
     EXPECT_NEAR(g[row[1]] + b[row[1]], 110, 16);
 
-    spec.colourType = PNG_COLOR_TYPE_GRAY;
-    spec.rows.assign(3, Bytes{1, 2, 3});
-    ASSERT_TRUE(writePng(file, spec));
+    png.colourType = PNG_COLOR_TYPE_GRAY;
+    png.rows.assign(3, Bytes{1, 2, 3});
+    ASSERT_TRUE(writePng(file, png));
     EXPECT_EQ(read(COLORMODE_RGBA), IMGERR_BADIMAGEFORMAT);
     EXPECT_EQ(read(9), IMGERR_BADARG);
     iltest::writeFile(file, std::string("\x89PNG\r\n\x1a\n"));
@@ -154,17 +154,17 @@ TEST_F(Png, WantedModesAndRefusals) {
 }
 
 TEST_F(Png, TransparencyIsComposedOverTheBackground) {
-    PngSpec spec;
-    spec.colourType = PNG_COLOR_TYPE_GRAY_ALPHA;
-    spec.width = 2;
-    spec.height = 1;
-    spec.rows = {{200, 255, 200, 0}};
-    ASSERT_TRUE(writePng(file, spec));
+    PngLayout png;
+    png.colourType = PNG_COLOR_TYPE_GRAY_ALPHA;
+    png.width = 2;
+    png.height = 1;
+    png.rows = {{200, 255, 200, 0}};
+    ASSERT_TRUE(writePng(file, png));
     ASSERT_EQ(read(0), 0);
     EXPECT_EQ(Bytes(px(), px() + 2), (Bytes{200, 0}));  // over black without bKGD
     png_color_16 grey{0, 0, 0, 0, 77};
-    spec.background = &grey;
-    ASSERT_TRUE(writePng(file, spec));
+    png.background = &grey;
+    ASSERT_TRUE(writePng(file, png));
     ASSERT_EQ(read(0), 0);
     EXPECT_EQ(Bytes(px(), px() + 2), (Bytes{200, 77}));
 }
