@@ -688,7 +688,10 @@ public:
             py::gil_scoped_release nogil;
             c = korImage_openFile(&st, size.is_none() ? nullptr : &requested, path.c_str());
         }
-        if (!c) fail(st ? st : IMGERR_OPENFAILED, path);
+        // The streaming open answers with the last handler's status, which
+        // may be one of the positive failures (1: could not open, 3: not a
+        // file of the handler).
+        if (!c) fail(st < 0 ? st : st == IMGSTAT_NO_HANDLER ? IMGERR_BADFILE : IMGERR_OPENFAILED, path);
         adopt(c);
     }
 

@@ -5,6 +5,7 @@ import imagelib
 from conftest import palette_picture, picture
 
 LOSSY = {18}  # JPEG
+WRITE_ONLY = {4, 6, 8}  # PICT, EPS, WPG: no reader to read them back
 MODE_FLAGS = {"rgb": 1, "palette16": 2, "palette256": 3, "grey": 4, "bilevel": 5}
 
 
@@ -47,6 +48,9 @@ def test_round_trip_every_writable_type_and_mode(tmp_path, ftype, ext, mode):
         if e.status == -119:
             pytest.skip("writer not available yet")
         raise
+    if ftype in WRITE_ONLY:
+        assert path.stat().st_size > 0
+        return
     try:
         back = imagelib.read(path, layout="rgba" if mode == 6 else "rgb")
     except imagelib.ImagelibError as e:
@@ -57,6 +61,9 @@ def test_round_trip_every_writable_type_and_mode(tmp_path, ftype, ext, mode):
     diff = np.abs(back.pixels.astype(int) - expected)
     if ftype in LOSSY:
         assert diff.mean() < 8
+    elif (ftype, mode) == (28, 4):
+        # PNG grey files read through the grey scale (i x 256) / (count + 1).
+        assert diff.max() <= 1
     else:
         assert diff.max() == 0
 
