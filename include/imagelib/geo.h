@@ -120,6 +120,17 @@ IMAGELIB_API int korImage_setMapPolygon(void* image, int* filled, const ImageSiz
 IMAGELIB_API int korImage_setRGBPolygon(uint8_t* image, int* filled, const ImageSize* size, const double* points, int pointCount, int outside, const uint8_t* rgb, StopFunction stop) IMAGELIB_NOEXCEPT;
 /* (end of polygon) */
 
+/* ==== Intergraph georeference ==== */
+/* Origin (x, y, z), extent (width, height in model units) and scan-line
+   orientation of an Intergraph raster, from its transformation matrix. Any
+   output may be null. IMGERR_OPENFAILED, IMGERR_NODATA (no usable header). */
+IMAGELIB_API int korImage_extractIngrAttach(double* origin, double* extent, int* orientation,
+                                            const char* path) IMAGELIB_NOEXCEPT;
+/* Rewrites the transformation matrix of an Intergraph raster from origin and
+   extent. IMGERR_OPENFAILED, IMGERR_BADFILE (no Intergraph header). */
+IMAGELIB_API int korImage_updateIngrAttach(const double* origin, const double* extent,
+                                           const char* path) IMAGELIB_NOEXCEPT;
+
 IMAGELIB_EXTERN_C_END
 
 #endif

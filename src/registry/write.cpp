@@ -10,6 +10,8 @@
 
 #include "codecs/libs/jpeg.h"
 #include "codecs/libs/png.h"
+#include "codecs/intergraph/cals.h"
+#include "codecs/intergraph/ingr.h"
 #include "codecs/native/bmp.h"
 #include "codecs/native/eps.h"
 #include "codecs/native/flic.h"
@@ -123,9 +125,16 @@ int writePalette(const char* path, int type, int colourMode, const ImageSize* si
         case 28:
             return pngFile_create(path, image, size, colourMode, packed ? IMAGEFORMAT_PACKBYTE : IMAGEFORMAT_MAP, red,
                                   green, blue, count, nullptr, stop);
+        case 13:
+            return ingr_createRLEFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0, stop);
+        case 17:
+            return ingr_createCOTFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0, stop);
+        case 19:
+            return ingr_createCITFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0, stop);
+        case 22:
+            return cals_createFileFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0,
+                                          stop);
         case 0: case 3: case 29:  // TIFF palette writer (compression argument 0 for type 0, 1 otherwise)
-        case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
-        case 22:                  // CALS
         default: return IMGERR_UNSUPPORTEDTYPE;
     }
 }
@@ -238,10 +247,12 @@ int korImage_extCreateFileFromRGB(const char* path, int type, int colorMode, con
         case 28:
             return pngFile_create(path, rgb, size, colorMode, IMAGEFORMAT_RGB, nullptr, nullptr, nullptr, 0,
                                   pngTransparency(option, key), stop);
+        case 13: return ingr_createRLEFromRGB(path, rgb, size, stop);
+        case 17: return ingr_createCOTFromRGB(path, rgb, size, colorMode, stop);
+        case 19: return ingr_createCITFromRGB(path, rgb, size, stop);
+        case 22: return cals_createFileFromRGB(path, rgb, size, stop);
         case 0:                   // TIFF, compression forced to 0
         case 3: case 29:          // TIFF, compression passed through
-        case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
-        case 22:                  // CALS
         case 39:                  // EPX
         default: return IMGERR_UNSUPPORTEDTYPE;
     }
@@ -321,10 +332,11 @@ int korImage_createFileFromBitMap(const char* path, int type, const ImageSize* s
             return pngFile_create(path, bitmap, size, COLORMODE_BILEVEL,
                                   runLength ? IMAGEFORMAT_RLEBITMAP : IMAGEFORMAT_BITMAP, nullptr, nullptr, nullptr, 0,
                                   nullptr, stop);
+        case 13: return ingr_createRLEFromBitMap(path, bitmap, runLength, size, stop);
+        case 19: return ingr_createCITFromBitMap(path, bitmap, runLength, size, stop);
+        case 22: return cals_createFileFromBitMap(path, bitmap, runLength, size, stop);
         case 0:                 // TIFF bilevel writer, compression argument 0
         case 3: case 29:        // TIFF bilevel writer, compression argument 4
-        case 13: case 19:       // Intergraph RLE, CIT
-        case 22:                // CALS
             return IMGERR_UNSUPPORTEDTYPE;
         default: break;
     }
