@@ -153,6 +153,9 @@ int pmaDecode(const char* path, const ImageSize* requested, StopFunction stop, D
     int st = imagePma_readToRGB(&rgb, &size, path, stop);
     if (st != 0) return st < 0 ? st : IMGERR_STOPPED;
     d.image.reset(rgb, size, IMAGEFORMAT_RGB);
+    return 0;
+}
+
 // JPEG for the RGB readers: colour files directly, grey files as a map.
 int jpegDecode(const char* path, Decoded& d, StopFunction stop) {
     void* p = nullptr;
