@@ -143,6 +143,16 @@ IMAGELIB_API int korImage_readGeoTiffInfo(double* transform, const char* path) I
 IMAGELIB_API int korImage_updateGeoReference(const double* origin, const double* extent, const char* path,
                                              int addIfAbsent) IMAGELIB_NOEXCEPT;
 /* (end of geotiff) */
+/* ==== Intergraph georeference ==== */
+/* Origin (x, y, z), extent (width, height in model units) and scan-line
+   orientation of an Intergraph raster, from its transformation matrix. Any
+   output may be null. IMGERR_OPENFAILED, IMGERR_NODATA (no usable header). */
+IMAGELIB_API int korImage_extractIngrAttach(double* origin, double* extent, int* orientation,
+                                            const char* path) IMAGELIB_NOEXCEPT;
+/* Rewrites the transformation matrix of an Intergraph raster from origin and
+   extent. IMGERR_OPENFAILED, IMGERR_BADFILE (no Intergraph header). */
+IMAGELIB_API int korImage_updateIngrAttach(const double* origin, const double* extent,
+                                           const char* path) IMAGELIB_NOEXCEPT;
 
 IMAGELIB_EXTERN_C_END
 

@@ -11,6 +11,7 @@
 // match.
 #include <cstring>
 
+#include "codecs/intergraph/ingr.h"
 #include "codecs/native/pa.h"
 #include "codecs/libs/jpeg.h"
 #include "codecs/libs/png.h"
@@ -60,9 +61,18 @@ int detectGeoTiff(const char* path, int type) { return tiff_detect(path, type); 
 
 // The Intergraph header: its data type and, for tiled files (65), the tile
 // header's data type.
-int readIntergraphDataTypes(const char*, int* dataType, int* tileDataType) {
+int readIntergraphDataTypes(const char* path, int* dataType, int* tileDataType) {
     *dataType = *tileDataType = 0;
-    return IMGERR_UNSUPPORTEDTYPE;
+    IngrHeader h;
+    il::File f;
+    if (int st = ingr_openHeader(f, h.raw, path)) return st;
+    *dataType = il::get16le(h.raw + 4);
+    if (*dataType == 65) {
+        il::Scratch<uint8_t> packet;
+        if (ingr_readTilePacket(packet, f, uint32_t(il::get16le(h.raw + 2)) * 2 + 4) == 0 && packet.size() >= 20)
+            *tileDataType = il::get16le(packet.get() + 18);
+    }
+    return 0;
 }
 
 bool intergraphMatches(int type, int dt, int tileDt) {
@@ -79,6 +89,7 @@ bool intergraphMatches(int type, int dt, int tileDt) {
         case 13: return dt == 9;
         case 20: return dt == 65 && tileDt == 24;
         case 23: return in(dt, {2, 9, 24, 27, 28, 29}) || (dt == 65 && in(tileDt, {2, 24, 27, 28, 29}));
+        case 25: return dt == 29;
         default: return false;
     }
 }
@@ -96,7 +107,7 @@ int detectIntergraph(const char* path, int type) {
 int resolveIntergraphType(const char* path, int) {
     int dt, tileDt;
     if (int st = readIntergraphDataTypes(path, &dt, &tileDt)) return st;
-    return IMGERR_UNSUPPORTEDTYPE;
+    return ingr_typeFromDataType(dt, tileDt);
 }
 
 const ImportRow kImportList[kImportRows] = {

@@ -10,6 +10,9 @@
 #include "codecs/libs/jpeg.h"
 #include "codecs/libs/png.h"
 #include "codecs/libs/tiff.h"
+#include "codecs/intergraph/cals.h"
+#include "codecs/intergraph/ingr.h"
+#include "codecs/intergraph/rlc.h"
 #include "codecs/native/bmp.h"
 #include "codecs/native/flic.h"
 #include "codecs/native/gif.h"
@@ -190,6 +193,33 @@ int pngDecode(const char* path, Decoded& d, StopFunction stop) {
     return 0;
 }
 
+// Intergraph rasters for the RGB readers: upright, a palette image or RGB.
+int ingrDecode(const char* path, Decoded& d) {
+    void* p = nullptr;
+    ImageSize size{};
+    int rgb = 0;
+    if (int st = ingr_readImage(&p, &size, &rgb, d.palette.red, d.palette.green, d.palette.blue, &d.palette.count,
+                                nullptr, path, nullptr))
+        return st;
+    d.isMap = !rgb;
+    d.image.reset(p, size, rgb ? IMAGEFORMAT_RGB : IMAGEFORMAT_MAP);
+    return 0;
+}
+
+// Fax, CALS and RLC as a two-colour map: white paper, black ink.
+int bilevelDecode(int type, const char* path, Decoded& d) {
+    void* p = nullptr;
+    ImageSize size{};
+    Palette& c = d.palette;
+    int st = type == 21   ? fax_readFileToMap(&p, &size, c.red, c.green, c.blue, &c.count, path, 1, nullptr)
+             : type == 22 ? cals_readFileToMap(&p, &size, c.red, c.green, c.blue, &c.count, path, 1, nullptr)
+                          : rlc_readFileToMap(&p, &size, c.red, c.green, c.blue, &c.count, path, 1, nullptr);
+    if (st) return st;
+    d.isMap = true;
+    d.image.reset(p, size, IMAGEFORMAT_MAP);
+    return 0;
+}
+
 // The codec step of korImage_readFileToRGB for the types that are not
 // streamed. Types listed without a call have their codec still to come.
 int decodeForRGB(int type, const char* path, Decoded& d, StopFunction stop) {
@@ -221,8 +251,9 @@ int decodeForRGB(int type, const char* path, Decoded& d, StopFunction stop) {
         }
         case 1: case 16:          // Intergraph RGB
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
-        case 21: case 22:         // fax, CALS
-        case 24:                  // RLC
+            return ingrDecode(path, d);
+        case 21: case 22: case 24:  // fax, CALS, RLC
+            return bilevelDecode(type, path, d);
         case 27:                  // PMA: drawn at the requested size, see pmaDecode
         default: return IMGERR_UNSUPPORTEDTYPE;
     }
@@ -381,8 +412,34 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
             rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
             return 0;
         }
-        case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
-        case 21: case 22:         // fax, CALS
+        case 13: case 17: case 19: case 20: case 23: case 25: {  // Intergraph rasters
+            int mode = 0;
+            if (int st = ingr_readHeaderInfo(nullptr, &mode, nullptr, nullptr, nullptr, path)) return st;
+            if (mode == COLORMODE_RGB) {
+                trueColour = true;
+                return 0;
+            }
+            void* p = nullptr;
+            ImageSize size{};
+            if (int st = ingr_readImage(&p, &size, nullptr, pal.red, pal.green, pal.blue, &pal.count, nullptr, path,
+                                        nullptr))
+                return st;
+            OwnedImage map(p, size, IMAGEFORMAT_MAP);
+            uint8_t** packed = nullptr;
+            if (int st = il::packByteEncodeImage(&packed, map.bytes(), &size)) return st;
+            rows.reset(packed, size, IMAGEFORMAT_PACKBYTE);
+            return 0;
+        }
+        case 21: case 22: {       // fax, CALS
+            Decoded d;
+            if (int st = bilevelDecode(type, path, d)) return st;
+            ImageSize size = d.image.size();
+            uint8_t** packed = nullptr;
+            if (int st = il::packByteEncodeImage(&packed, d.image.bytes(), &size)) return st;
+            rows.reset(packed, size, IMAGEFORMAT_PACKBYTE);
+            pal = d.palette;
+            return 0;
+        }
         default: return IMGERR_UNSUPPORTEDTYPE;
     }
 }
@@ -464,8 +521,11 @@ int korImage_readFileInfo(ImageSize* size, int* colorMode, int* orientation, con
             break;
         }
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph header
-        case 21: case 22:         // fax, CALS
-        case 24:                  // RLC
+            st = ingr_readHeaderInfo(&sz, &mode, nullptr, nullptr, nullptr, path);
+            break;
+        case 21: st = fax_readFileInfo(&sz, &mode, path); break;
+        case 22: st = cals_readHeader(&sz, &mode, path); break;
+        case 24: st = rlc_readFileInfo(&sz, &mode, path); break;
         default: st = IMGERR_UNSUPPORTEDTYPE; break;
     }
     if (st != 0) return st;
@@ -496,6 +556,18 @@ int korImage_readFileInfoEx(ImageFileInfo* info, const char* path) noexcept {
         return st;
     }
     // The Intergraph header reader fills the georeference fields here.
+    if (int st = korImage_readFileInfo(&r.size, &r.colorMode, &r.orientation, path, r.type)) return st;
+    // Intergraph rasters: the header type and the georeference.
+    {
+        int dt = 0, tileDt = 0, resolved = -1;
+        if (ingr_readHeaderInfo(nullptr, nullptr, &dt, &tileDt, &resolved, path) == 0) {
+            if (resolved >= 0) r.type = resolved;
+            if (korImage_extractIngrAttach(r.origin, r.extent, nullptr, path) == 0) r.hasGeoreference = 1;
+            IngrHeader h;
+            il::File f;
+            if (ingr_readHeader(&h, f, path) == 0) std::memcpy(r.matrix, h.matrix, sizeof r.matrix);
+        }
+    }
     *info = r;
     return 0;
 }
@@ -689,8 +761,11 @@ int korImage_readFileToBitMap(void** bitmap, ImageSize* size, const char* path, 
         }
         case 0: case 3: case 29: st = tiff_readFileToBitMap(bitmap, &sz, runLength, path, stop); break;
         case 13: case 19: case 20: case 23:  // Intergraph
-        case 21: case 22:         // fax, CALS
-        case 24:                  // RLC
+            st = ingr_readToBitMap(bitmap, &sz, runLength, path, stop);
+            break;
+        case 21: st = fax_readFileToBitMap(bitmap, &sz, path, stop); break;
+        case 22: st = cals_readFileToBitMap(bitmap, &sz, runLength, path, stop); break;
+        case 24: st = rlc_readFileToBitMap(bitmap, &sz, runLength, path, stop); break;
         default: st = IMGERR_UNSUPPORTEDTYPE; break;
     }
     if (st == 0 && size) *size = sz;
@@ -705,6 +780,7 @@ int korImage_readPalette(uint8_t* red, uint8_t* green, uint8_t* blue, int* count
     switch (type) {
         case 0: case 3: case 29: return tiff_readPalette(red, green, blue, count, path);
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph
+            return ingr_readPalette(red, green, blue, count, path);
         default: return IMGERR_UNSUPPORTEDTYPE;
     }
 }
@@ -727,8 +803,9 @@ int korImage_readFileToBuffer(void** buffer, int* imageFormat, int* colorMode, u
     if (type < 0) return type;
     int mode = 0;
     if (int st = korImage_readFileInfo(nullptr, &mode, nullptr, path, type)) return st;
-    // The Intergraph application packet, when the Intergraph codec finds
-    // one, gives a scan orientation here; no other file carries one.
+    // An Intergraph raster's scan orientation would be applied here; the
+    // Intergraph readers already hand out their pictures upright, so no
+    // file leaves anything to turn.
     int orientation = -1;
 
     OwnedImage img;

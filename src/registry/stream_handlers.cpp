@@ -3,6 +3,7 @@
 // creating takes the row of the requested type. A codec that gains a
 // streaming handler fills its row here and nothing else changes.
 #include "codecs/libs/tiff.h"
+#include "codecs/intergraph/ingr.h"
 #include "codecs/native/bmp.h"
 #include "codecs/native/eps.h"
 #include "codecs/native/pict.h"
@@ -10,18 +11,9 @@
 #include "registry/targa.h"
 
 namespace il::stream {
-namespace {
-
-// Rows whose codec has not landed yet refuse with IMGERR_UNSUPPORTEDTYPE:
-// Intergraph RGB and TIFF.
-int notYetOpen(ImageFileContext*, const char*) noexcept { return IMGERR_UNSUPPORTEDTYPE; }
-int notYetCreate(ImageFileContext*, const char*, int, int) noexcept { return IMGERR_UNSUPPORTEDTYPE; }
-int notYetBackground(uint8_t*, const char*) noexcept { return IMGERR_UNSUPPORTEDTYPE; }
-
-}  // namespace
 
 const Handler kHandlers[] = {
-    {1, notYetOpen, notYetCreate, notYetBackground},  // Intergraph RGB
+    {1, ingr_openRGB, ingr_createRGB, ingr_backgroundRGB},  // Intergraph RGB
     {2, imageTga_open, imageTga_create, nullptr},     // Targa
     {3, tiff_openStream, tiff_createStream, nullptr}, // TIFF, compressed when written
     {0, nullptr, tiff_createStream, nullptr},         // TIFF, uncompressed

@@ -11,6 +11,8 @@
 #include "codecs/libs/jpeg.h"
 #include "codecs/libs/png.h"
 #include "codecs/libs/tiff.h"
+#include "codecs/intergraph/cals.h"
+#include "codecs/intergraph/ingr.h"
 #include "codecs/native/bmp.h"
 #include "codecs/native/eps.h"
 #include "codecs/native/flic.h"
@@ -128,8 +130,15 @@ int writePalette(const char* path, int type, int colourMode, const ImageSize* si
             TiffMapOptions o{count, *size, colourMode, type == 0 ? 0 : 1, packed ? 1 : 0, stop};
             return tiff_createFileFromMap(path, image, red, green, blue, &o);
         }
-        case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
-        case 22:                  // CALS
+        case 13:
+            return ingr_createRLEFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0, stop);
+        case 17:
+            return ingr_createCOTFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0, stop);
+        case 19:
+            return ingr_createCITFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0, stop);
+        case 22:
+            return cals_createFileFromMap(path, image, red, green, blue, count, size, colourMode, packed ? 1 : 0,
+                                          stop);
         default: return IMGERR_UNSUPPORTEDTYPE;
     }
 }
@@ -245,8 +254,10 @@ int korImage_extCreateFileFromRGB(const char* path, int type, int colorMode, con
                                   pngTransparency(option, key), stop);
         case 0: return tiff_createFileFromRGB(path, rgb, size, colorMode, 0, stop);  // compression forced to 0
         case 3: case 29: return tiff_createFileFromRGB(path, rgb, size, colorMode, compression, stop);
-        case 13: case 17: case 19:  // Intergraph RLE, COT, CIT
-        case 22:                  // CALS
+        case 13: return ingr_createRLEFromRGB(path, rgb, size, stop);
+        case 17: return ingr_createCOTFromRGB(path, rgb, size, colorMode, stop);
+        case 19: return ingr_createCITFromRGB(path, rgb, size, stop);
+        case 22: return cals_createFileFromRGB(path, rgb, size, stop);
         case 39:                  // EPX
         default: return IMGERR_UNSUPPORTEDTYPE;
     }
@@ -334,9 +345,9 @@ int korImage_createFileFromBitMap(const char* path, int type, const ImageSize* s
                                       bg[2] == 255;
             return tiff_createFileFromBitMap(path, bitmap, runLength, size, 4, blackOnWhite ? 1 : 0, stop);
         }
-        case 13: case 19:       // Intergraph RLE, CIT
-        case 22:                // CALS
-            return IMGERR_UNSUPPORTEDTYPE;
+        case 13: return ingr_createRLEFromBitMap(path, bitmap, runLength, size, stop);
+        case 19: return ingr_createCITFromBitMap(path, bitmap, runLength, size, stop);
+        case 22: return cals_createFileFromBitMap(path, bitmap, runLength, size, stop);
         default: break;
     }
     OwnedImage rows;

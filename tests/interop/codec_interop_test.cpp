@@ -52,6 +52,18 @@ struct OurFile {
 };
 
 const PeerFile kPeerFiles[] = {
+    // CALS from ImageMagick and GDAL (whose writer takes 1-bit sources
+    // only, hence the detour); a Group 4 code stream (fax) taken out
+    // of ImageMagick's Group 4 TIFF strip (its raw "g4:" writer puts out
+    // streams that it cannot read back itself).
+    {"im_bw.cal", "convert", "convert {bw} CALS:{out}", nullptr, 0},
+    {"gdal_bw.cal", "gdal_translate", "convert {bw} CALS:{out}.im.cal && gdal_translate -q -of CALS {out}.im.cal {out}", nullptr, 0},
+    {"im_g4.fax", "convert",
+     "convert {bw} -background white -extent 1728x84 -compress Group4 TIFF:{out}.tif && /usr/bin/python3 -c \""
+     "import struct,sys;d=open(sys.argv[1],'rb').read();o=struct.unpack('<I',d[4:8])[0];"
+     "n=struct.unpack('<H',d[o:o+2])[0];e=[struct.unpack('<HHII',d[o+2+12*i:o+14+12*i]) for i in range(n)];"
+     "t={x[0]:x[3] for x in e};open(sys.argv[2],'wb').write(d[t[273]:t[273]+t[279]])\" {out}.tif {out}",
+     "convert -size 1728x84 g4:{out} -depth 8 pam:-", 0},
     {"im_rgb24.bmp", "convert", "convert {photo} -type TrueColor BMP3:{out}", nullptr, 0},
     {"im_8bit.bmp", "convert", "convert {few} -type Palette -compress None BMP3:{out}", nullptr, 0},
     {"netpbm_8bit.bmp", "ppmtobmp", "ppmtobmp -bpp 8 {few} > {out}", "bmptopnm {out}", 0},
@@ -150,6 +162,13 @@ const PeerFile kPeerFiles[] = {
 };
 
 const OurFile kOurFiles[] = {
+    // CALS read by ImageMagick and GDAL; its code stream alone by
+    // ImageMagick's raw Group 4 reader.
+    {"ours_bw.cal", "bw", "", "convert", nullptr, 0, true},
+    {"ours_bw_gdal.cal", "bw", "", "gdal_translate",
+     "gdal_translate -q -expand rgb -of PNM {out} {out}.ppm && cat {out}.ppm", 0, true},
+    {"ours_stream.cal", "bw", "", "convert", "tail -c +2049 {out} > {out}.g4 && convert -size 61x43 g4:{out}.g4 -depth 8 pam:-",
+     0, true},
     {"ours_rgb.bmp", "photo", "", "convert", nullptr, 0, true},
     {"ours_bw.bmp", "bw", "", "bmptopnm", "bmptopnm {out}", 0, true},
     // From RGB through an optimised palette: colours move to the optimiser's cell centres.

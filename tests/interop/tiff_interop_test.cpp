@@ -192,7 +192,9 @@ TEST_F(TiffInterop, OurFilesPassTiffinfoAndDecodeInMagick) {
                                                 nullptr),
                   0)
             << out;
-        if (have("tiffinfo")) EXPECT_EQ(iltest::run("tiffinfo -D '" + out + "' >/dev/null 2>&1"), 0) << out;
+        if (have("tiffinfo")) {
+            EXPECT_EQ(iltest::run("tiffinfo -D '" + out + "' >/dev/null 2>&1"), 0) << out;
+        }
         expectMagickAgrees(out, c.mode == COLORMODE_PALETTE256 || c.mode == COLORMODE_PALETTE16 ? 1 : 0);
     }
     // A bitmap written black on white (Group 4, min-is-white) shows its set

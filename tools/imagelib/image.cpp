@@ -321,9 +321,10 @@ int loadImage(const std::string& path, Image& img, bool forceRGB, StopFunction s
     const int type = fileTypeOf(path);
     int st = korImage_readFileToBuffer(&buf, &layout, &mode, img.red, img.green, img.blue, &img.count, &size,
                                        path.c_str(), type, forceRGB ? 1 : 0, stop);
-    if (st == IMGERR_UNSUPPORTEDTYPE) {
+    if (st == IMGERR_UNSUPPORTEDTYPE || st == IMGSTAT_NO_BACKGROUND) {
         // Bilevel files of a type without a bitmap reader (Sun raster) are
-        // read as RGB.
+        // read as RGB, and so are fax files, whose bitmap reader wants a
+        // CALS size record (32768 without one).
         uint8_t* rgb = nullptr;
         st = korImage_readFileToRGB(&rgb, &size, path.c_str(), type, nullptr, stop);
         buf = rgb;
