@@ -12,9 +12,9 @@ extern "C" int korImage_updateGeoReference(const double* origin, const double* e
     if (type == 3 && tiff_detect(path, 29) == 0) type = 29;
     switch (type) {
         case 13: case 17: case 19: case 20: case 23: case 25:
-            // Intergraph rasters keep their georeference in attachment
-            // packets; their update comes with the Intergraph codec.
-            return IMGERR_UNSUPPORTEDTYPE;
+            // Intergraph rasters keep their georeference in the header's
+            // transformation matrix.
+            return korImage_updateIngrAttach(origin, extent, path);
         case 29: return tiff_updateGeoReference(origin, extent, path, 29);
         case 3:
             if (!addIfAbsent) return IMGERR_BADIMAGEFORMAT;

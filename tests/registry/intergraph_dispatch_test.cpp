@@ -16,7 +16,7 @@ namespace {
 
 using ingrgen::Bytes;
 
-Bytes file(const ingrgen::Spec& s, const Bytes& data) {
+Bytes file(const ingrgen::Header& s, const Bytes& data) {
     Bytes f = ingrgen::header(s);
     f.insert(f.end(), data.begin(), data.end());
     return f;
@@ -24,7 +24,7 @@ Bytes file(const ingrgen::Spec& s, const Bytes& data) {
 
 TEST(IngrDispatch, TypesResolvedFromTheHeaderWhateverTheName) {
     iltest::TempDir dir;
-    ingrgen::Spec s;
+    ingrgen::Header s;
     s.dataType = 28, s.pixels = 2, s.lines = 1;
     const std::string path = dir.file("picture.cot");  // named as 8-bit, holds RGB
     iltest::writeFile(path, file(s, {10, 20, 30, 40, 50, 60}));
@@ -121,6 +121,24 @@ TEST(IngrDispatch, WritersByTypeReadBack) {
             dlmSystem_korFree(back);
         }
     }
+}
+
+// The georeference update of the GeoTIFF family reaches Intergraph files
+// through their header matrix.
+TEST(IngrDispatch, GeoReferenceUpdateRewritesTheHeaderMatrix) {
+    iltest::TempDir dir;
+    ingrgen::Header s;
+    s.dataType = 2, s.pixels = 3, s.lines = 2;
+    const std::string path = dir.file("map.cot");
+    iltest::writeFile(path, file(s, {1, 2, 3, 4, 5, 6}));
+    const double origin[3] = {1000, 2000, 0}, extent[2] = {30, 20};
+    ASSERT_EQ(korImage_updateGeoReference(origin, extent, path.c_str(), 0), 0);
+    double o[3] = {}, e[2] = {};
+    ASSERT_EQ(korImage_extractIngrAttach(o, e, nullptr, path.c_str()), 0);
+    EXPECT_DOUBLE_EQ(o[0], 1000);
+    EXPECT_DOUBLE_EQ(o[1], 2000);
+    EXPECT_DOUBLE_EQ(e[0], 30);
+    EXPECT_DOUBLE_EQ(e[1], 20);
 }
 
 }  // namespace

@@ -12,7 +12,7 @@ namespace ingrgen {
 
 using Bytes = std::vector<uint8_t>;
 
-struct Spec {
+struct Header {
     int dataType = 2;
     uint32_t pixels = 1, lines = 1;
     int orientation = 4;
@@ -24,7 +24,7 @@ struct Spec {
     Bytes table;                   // placed at 768 (type 1) or 1024 (type 2)
 };
 
-inline Bytes header(const Spec& s) {
+inline Bytes header(const Header& s) {
     Bytes h(s.headerLength, s.filler);
     std::fill(h.begin() + 4, h.begin() + 200, 0);
     std::fill(h.begin() + 528, h.begin() + 540, 0);

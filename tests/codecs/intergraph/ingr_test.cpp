@@ -69,7 +69,7 @@ TEST(IngrDecode, EightBitGreyAndPaletteWithAnyHeaderLength) {
     const uint32_t w = 5, h = 3;  // odd width: no padding between lines
     const auto px = pattern(w, h);
     for (uint32_t len : {1024u, 1536u, 8192u}) {
-        ingrgen::Spec s;
+        ingrgen::Header s;
         s.pixels = w, s.lines = h, s.headerLength = len, s.filler = 0xA5;
         Read grey = readBytes(concat(ingrgen::header(s), px));
         ASSERT_EQ(grey.status, 0) << len;
@@ -90,7 +90,7 @@ TEST(IngrDecode, EightBitGreyAndPaletteWithAnyHeaderLength) {
 }
 
 TEST(IngrDecode, TypeTwoColourTableByItsSlots) {
-    ingrgen::Spec s;
+    ingrgen::Header s;
     s.pixels = 2, s.lines = 1, s.headerLength = 1536, s.tableType = 2, s.tableCount = 2;
     Bytes t;
     for (uint32_t v : {5u, 0xFF00u, 0x1100u, 0x2200u, 0u, 0x8000u, 0u, 0xFFFFu}) ingrgen::word(t, v);
@@ -111,7 +111,7 @@ TEST(IngrDecode, RGBRawAndRunLengthAgree) {
     std::fill(green.begin() + 300, green.begin() + 600, 9);
     const auto want = planar(red, green, blue, w, h);
 
-    ingrgen::Spec s;
+    ingrgen::Header s;
     s.dataType = 28, s.pixels = w, s.lines = h;
     Bytes raw;
     for (size_t i = 0; i < red.size(); ++i) raw.push_back(red[i]), raw.push_back(green[i]), raw.push_back(blue[i]);
@@ -145,7 +145,7 @@ TEST(IngrDecode, EightBitRunLengthEqualsRaw) {
     const uint32_t w = 260, h = 2;
     auto px = pattern(w, h);
     std::fill(px.begin() + 10, px.begin() + 140, 3);
-    ingrgen::Spec s;
+    ingrgen::Header s;
     s.dataType = 29, s.pixels = w, s.lines = h;
     Bytes data;
     for (uint32_t y = 0; y < h; ++y) ingrgen::atoms(data, px.data() + y * w, w);
@@ -165,7 +165,7 @@ TEST(IngrDecode, BinaryRunsWithAndWithoutLineRecords) {
     std::fill(px.begin(), px.begin() + 40000, 1);          // line 0 starts set
     std::fill(px.begin() + w + 5, px.begin() + 2 * w, 1);  // line 1 ends set
     for (uint32_t x = 0; x < w; x += 2) px[2 * size_t(w) + x] = 1;  // line 2: many runs
-    ingrgen::Spec s;
+    ingrgen::Header s;
     s.dataType = 9, s.pixels = w, s.lines = h;
 
     Bytes plain;  // long runs split as 32767, 0, rest; closing 0 after a set end
@@ -249,7 +249,7 @@ TEST(IngrDecode, TiledFilesWithClippedEmptyAndReorderedTiles) {
             entries[3 * k + 2] = uint32_t(tile.size());
             payloads.insert(payloads.end(), tile.begin(), tile.end());
         }
-        ingrgen::Spec s;
+        ingrgen::Header s;
         s.dataType = 65, s.pixels = w, s.lines = h;
         Bytes file = concat(concat(ingrgen::header(s), ingrgen::tilePacket(tileType, t, entries)), payloads);
         Read got = readBytes(file);
@@ -278,7 +278,7 @@ TEST(IngrDecode, ScanOrientationsTurnedUpright) {
         {2, {2, 3}, {3, 6, 2, 5, 1, 4}},  // pixels run up
     };
     for (const Case& c : cases) {
-        ingrgen::Spec s;
+        ingrgen::Header s;
         s.pixels = 3, s.lines = 2, s.orientation = c.orientation;
         Read r = readBytes(concat(ingrgen::header(s), stored));
         ASSERT_EQ(r.status, 0) << c.orientation;
@@ -291,7 +291,7 @@ TEST(IngrDecode, ScanOrientationsTurnedUpright) {
 TEST(IngrHeader, TypesFromTheHeader) {
     iltest::TempDir dir;
     const std::string path = dir.file("h.cot");
-    ingrgen::Spec s;
+    ingrgen::Header s;
     s.pixels = 4, s.lines = 2;
     Bytes f = concat(ingrgen::header(s), Bytes(8, 0));
     iltest::writeFile(path, f);
@@ -326,7 +326,7 @@ TEST(IngrHeader, TypesFromTheHeader) {
 
 TEST(IngrDecode, HeaderClaimingMorePixelsThanTheFileHolds) {
     for (int dt : {2, 9, 24, 27, 28, 29}) {
-        ingrgen::Spec s;
+        ingrgen::Header s;
         s.dataType = dt, s.pixels = 1u << 20, s.lines = 1u << 11;
         EXPECT_EQ(readBytes(concat(ingrgen::header(s), Bytes(100, 0))).status, IMGERR_BADFILE) << dt;
     }
@@ -345,7 +345,7 @@ double matrixAt(const Bytes& f, int i) {
 TEST(IngrAttach, KeepRegistrationAndOrientation) {
     iltest::TempDir dir;
     const std::string path = dir.file("g.rgb");
-    ingrgen::Spec s;
+    ingrgen::Header s;
     s.dataType = 28, s.pixels = 10, s.lines = 20, s.orientation = 5;
     Bytes f = concat(ingrgen::header(s), Bytes(600, 0));
     const double m[16] = {2, 0, 0, 100, 0, 3, 0, 200, 0, 0, 1, 5, 0, 0, 0, 1};
@@ -444,7 +444,7 @@ TEST(IngrDecode, GroupFourUntiledAndTiled) {
     const uint32_t w = 20, h = 13, t = 8, cols = 3, rows = 2;
     std::vector<uint8_t> px(w * h);
     for (uint32_t i = 0; i < px.size(); ++i) px[i] = ((i % w) * 3 + (i / w) * 5) % 7 < 3;
-    ingrgen::Spec s;
+    ingrgen::Header s;
     s.dataType = 24, s.pixels = w, s.lines = h, s.headerLength = 1536;
     Read whole = readBytes(concat(ingrgen::header(s), g4(px, w, 0, 0, w, h)));
     ASSERT_EQ(whole.status, 0);
