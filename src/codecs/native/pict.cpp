@@ -31,6 +31,7 @@
 #include "internal/file.h"
 #include "internal/scratch.h"
 #include "pixels/colour.h"
+#include "pixels/map_rows.h"
 #include "pixels/dither.h"
 
 namespace {
@@ -236,47 +237,14 @@ int imagePict_writeFromMap(const char* path, const void* map, const uint8_t* red
     if (!grey && colourCount < 1) return IMGERR_BADARG;
     const int w = size->x;
 
-    // Grey pictures: each row becomes the grey levels of its palette entries
-    // (converted with a copy of the palette, so the caller's stays as it is)
-    // under a 256-entry grey ramp.
-    uint8_t copy[3][256] = {}, ramp[3][256];
-    const uint8_t *pr = red, *pg = green, *pb = blue;
-    int count = std::min(colourCount, 256);
-    if (grey) {
-        const size_t n = size_t(std::clamp(colourCount, 0, 256));
-        std::memcpy(copy[0], red, n);
-        std::memcpy(copy[1], green, n);
-        std::memcpy(copy[2], blue, n);
-        il::setGreyRamp(ramp[0], ramp[1], ramp[2]);
-        pr = ramp[0], pg = ramp[1], pb = ramp[2];
-        count = 256;
-    }
-
-    il::Scratch<uint8_t> unpacked(packed ? size_t(w) : 1, il::tag("PctU"));
-    il::Scratch<uint8_t> greyRow(grey ? size_t(w) : 1, il::tag("PctG"));
-    if (!unpacked.ok() || !greyRow.ok()) return IMGERR_NOMEMORY;
+    il::MapRows rows(map, packed != 0, grey, red, green, blue, colourCount, w, il::tag("PctU"));
+    if (!rows.ok()) return IMGERR_NOMEMORY;
     IndexedWriter out;
-    if (int st = out.begin(path, size, bits, count, pr, pg, pb)) return st;
-    const ImageSize oneRow{w, 1};
-    int convertStatus = 0;
+    if (int st = out.begin(path, size, bits, std::min(rows.count(), 256), rows.red(), rows.green(), rows.blue())) return st;
     int st = writeRows(
         out, size, [&](int y) { return imageUtil_reportProgress(stop, size->y, y); },
-        [&](int y) -> const uint8_t* {
-            const uint8_t* src;
-            if (packed) {
-                korImage_unpackByteBuffer(unpacked.get(), static_cast<uint8_t* const*>(map)[y], w);
-                src = unpacked.get();
-            } else {
-                src = static_cast<const uint8_t*>(map) + size_t(y) * size_t(w);
-            }
-            if (!grey) return src;
-            int n = colourCount;
-            if (int c = korImage_convertToGreyScale(greyRow.get(), copy[0], copy[1], copy[2], &n, src, &oneRow,
-                                                    IMAGEFORMAT_MAP, nullptr))
-                convertStatus = c;
-            return greyRow.get();
-        });
-    return convertStatus ? convertStatus : st;
+        [&](int y) -> const uint8_t* { return rows.row(y); });
+    return rows.status() ? rows.status() : st;
 }
 
 namespace {

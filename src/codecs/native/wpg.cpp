@@ -14,6 +14,7 @@
 #include "internal/checked.h"
 #include "internal/scratch.h"
 #include "pixels/colour.h"
+#include "pixels/map_rows.h"
 #include "pixels/dither.h"
 
 namespace {
@@ -194,47 +195,14 @@ int imageWpg_writeFromMap(const char* path, const void* map, const uint8_t* red,
     const bool grey = imageFormat == COLORMODE_GREY;
     const int w = size->x;
 
-    // Grey files: each row becomes the grey levels of its palette entries
-    // (converted with a copy of the palette, so the caller's stays as it is)
-    // under a 256-entry grey ramp.
-    uint8_t copy[3][256] = {}, ramp[3][256];
-    const uint8_t *pr = red, *pg = green, *pb = blue;
-    int count = colourCount;
-    if (grey) {
-        const size_t n = size_t(std::clamp(colourCount, 0, 256));
-        std::memcpy(copy[0], red, n);
-        std::memcpy(copy[1], green, n);
-        std::memcpy(copy[2], blue, n);
-        il::setGreyRamp(ramp[0], ramp[1], ramp[2]);
-        pr = ramp[0], pg = ramp[1], pb = ramp[2];
-        count = 256;
-    }
-    il::Scratch<uint8_t> unpacked(packed ? size_t(w) : 1, il::tag("WpgU"));
-    il::Scratch<uint8_t> greyRow(grey ? size_t(w) : 1, il::tag("WpgG"));
-    if (!unpacked.ok() || !greyRow.ok()) return IMGERR_NOMEMORY;
-
+    il::MapRows rows(map, packed != 0, grey, red, green, blue, colourCount, w, il::tag("WpgU"));
+    if (!rows.ok()) return IMGERR_NOMEMORY;
     Writer out;
-    if (int st = out.begin(path, size, depth, count, pr, pg, pb)) return st;
-    const ImageSize oneRow{w, 1};
-    int convertStatus = 0;
+    if (int st = out.begin(path, size, depth, rows.count(), rows.red(), rows.green(), rows.blue())) return st;
     int st = writeRows(
         out, size, [&](int y) { return imageUtil_reportProgress(stop, size->y, y); },
-        [&](int y) -> const uint8_t* {
-            const uint8_t* src;
-            if (packed) {
-                korImage_unpackByteBuffer(unpacked.get(), static_cast<uint8_t* const*>(map)[y], w);
-                src = unpacked.get();
-            } else {
-                src = static_cast<const uint8_t*>(map) + size_t(y) * size_t(w);
-            }
-            if (!grey) return src;
-            int n = colourCount;
-            if (int c = korImage_convertToGreyScale(greyRow.get(), copy[0], copy[1], copy[2], &n, src, &oneRow,
-                                                    IMAGEFORMAT_MAP, nullptr))
-                convertStatus = c;
-            return greyRow.get();
-        });
-    return convertStatus ? convertStatus : st;
+        [&](int y) -> const uint8_t* { return rows.row(y); });
+    return rows.status() ? rows.status() : st;
 }
 
 int imageWpg_writeFromRGB(const char* path, const uint8_t* rgb, const ImageSize* size, int imageFormat,
