@@ -112,6 +112,20 @@ TEST_F(Cli, ConvertReportsFailures) {
     EXPECT_NE(err.find("(status -"), std::string::npos) << err;
 }
 
+// A two-colour file keeps its own colours through the CLI, whatever the
+// palette; a palette of one entry reads index 1 as black.
+TEST_F(Cli, ConvertKeepsTheColoursOfAOneEntryPalette) {
+    std::string one = "BM";
+    auto le32 = [&](uint32_t v) { one += {char(v), char(v >> 8), char(v >> 16), char(v >> 24)}; };
+    for (uint32_t v : {66u, 0u, 58u, 40u, 2u, 1u}) le32(v);
+    one += {1, 0, 1, 0};  // one plane, one bit
+    for (uint32_t v : {0u, 4u, 0u, 0u, 1u, 0u}) le32(v);
+    one += {40, 90, char(200), 0, 0x40, 0, 0, 0};  // the one entry; pixels 0, 1
+    ASSERT_TRUE(iltest::writeFile(d.file("one.bmp"), one));
+    ASSERT_EQ(cli("convert " + d.file("one.bmp") + " " + d.file("one.ppm")), 0);
+    EXPECT_EQ(pixels(d.file("one.ppm")), std::string({char(200), 90, 40, 0, 0, 0}));
+}
+
 TEST_F(Cli, DemoWritesEveryAvailableType) {
     std::string out;
     ASSERT_EQ(cli("demo " + d.path(), &out), 0);

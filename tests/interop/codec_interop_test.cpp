@@ -3,7 +3,10 @@
 //    `imagelib convert FILE out.pam` to the pixels that a reference decoder
 //    (by default ImageMagick) gives for it;
 //  - kOurFiles: a file written by `imagelib convert SOURCE FILE [options]`
-//    must decode in another program to the pixels our own reader gives.
+//    must decode in another program to the pixels our own reader gives;
+//  - kSampleFiles: a file of the sample corpus (../shared/corpus) must
+//    decode as a reference decoder decodes it; kRefusedSamples must fail
+//    with their status.
 // A row is skipped when its program is absent. Adding a codec's cases is
 // adding rows.
 //
@@ -14,7 +17,12 @@
 //            every row needs padding in most formats);
 //   {few}    the same size in six colours (palette writers keep it exact);
 //   {grey}   a PGM of the photo's green channel;
-//   {bw}     a PBM of the same size, an irregular pattern.
+//   {bw}     a PBM of the same size, an irregular pattern;
+//   {alpha}  a PAM of the photo with an alpha ramp and fully transparent
+//            pixels;
+//   {pal}    the six colours as a 256-colour BMP of our own writer (the
+//            source of palette writers).
+// Sample rows name their file relative to the corpus; {out} is that file.
 // Rows of lossless writers also check that our decoding is the source.
 // A decode command prints PBM, PGM, PPM or PAM (any depth, maxval 255 or
 // 1 for PBM) on its standard output. Colour is compared always, alpha when
@@ -32,6 +40,11 @@ namespace {
 
 // ImageMagick's decoding of the first image of a file.
 constexpr const char* kMagick = "convert {out}[0] -depth 8 pam:-";
+// ImageMagick keeps Targa rows in stored order tagged with the file's
+// origin; turned upright here. Its writer stores the rows as it holds them
+// labelled bottom-left unless told otherwise: such a file holds the picture
+// upside down, and so do our decodings of it.
+constexpr const char* kMagickUpright = "convert {out} -auto-orient -depth 8 pam:-";
 
 struct PeerFile {
     const char* name;    // file name; its extension is the type
@@ -43,12 +56,23 @@ struct PeerFile {
 
 struct OurFile {
     const char* name;    // file name; its extension chooses our writer
-    const char* source;  // photo, few, grey or bw
+    const char* source;  // photo, few, grey, bw, alpha or pal
     const char* options; // further options of imagelib convert
     const char* tool;    // program that must be present
     const char* decode;  // the other program's decoding of {out}; null: ImageMagick's
     int tolerance;
     bool lossless;       // our decoding must also equal the source picture
+};
+
+struct SampleFile {
+    const char* path;    // relative to the corpus
+    const char* tool;    // program that must be present
+    const char* decode;  // reference decoding of {out}; null: ImageMagick's
+};
+
+struct RefusedSample {
+    const char* path;
+    int status;          // what `imagelib convert` reports
 };
 
 const PeerFile kPeerFiles[] = {
@@ -67,12 +91,36 @@ const PeerFile kPeerFiles[] = {
     {"im_rgb24.bmp", "convert", "convert {photo} -type TrueColor BMP3:{out}", nullptr, 0},
     {"im_8bit.bmp", "convert", "convert {few} -type Palette -compress None BMP3:{out}", nullptr, 0},
     {"netpbm_8bit.bmp", "ppmtobmp", "ppmtobmp -bpp 8 {few} > {out}", "bmptopnm {out}", 0},
+    {"netpbm_rgb24.bmp", "ppmtobmp", "ppmtobmp -bpp 24 {photo} > {out}", "bmptopnm {out}", 0},
+    {"netpbm_4bit.bmp", "ppmtobmp", "ppmtobmp -bpp 4 {few} > {out}", "bmptopnm {out}", 0},
+    {"netpbm_os2_4bit.bmp", "ppmtobmp", "ppmtobmp -os2 -bpp 4 {few} > {out}", "bmptopnm {out}", 0},
+    {"netpbm_1bit.bmp", "ppmtobmp", "ppmtobmp {bw} > {out}", "bmptopnm {out}", 0},
+    // ImageMagick writes no RLE4; its RLE8 runs cover the padded row, cut
+    // at the width here as ImageMagick does (bmptopnm refuses them).
+    {"im_rle8.bmp", "convert", "convert {photo} -colors 200 -type Palette -compress RLE BMP3:{out}", nullptr, 0},
+    {"im_4bit.bmp", "convert", "convert {photo} -colors 12 -type Palette -compress None BMP3:{out}", nullptr, 0},
+    {"im_1bit.bmp", "convert", "convert {photo} -monochrome BMP3:{out}", nullptr, 0},
     // ImageMagick's default BMP (version 5 header), its 16-bit forms and
     // 32 bits with alpha (bit fields).
     {"im_default.bmp", "convert", "convert {photo} {out}", nullptr, 0},
     {"im_rgb565.bmp", "convert", "convert {photo} -define bmp:subtype=RGB565 {out}", nullptr, 0},
     {"im_rgb555.bmp", "convert", "convert {photo} -define bmp:subtype=RGB555 {out}", nullptr, 0},
     {"im_alpha32.bmp", "convert", "convert {photo} -alpha set -channel A -fx 'i/w' +channel {out}", nullptr, 0},
+    // Targa: both origins, run-length packets or none, true colour with and
+    // without alpha, colour maps, grey.
+    {"im_rgb.tga", "convert", "convert {photo} -compress None {out}", kMagickUpright, 0},
+    {"im_rgb_rle_top.tga", "convert", "convert {photo} -orient TopLeft -compress RLE {out}", kMagickUpright, 0},
+    {"im_alpha_rle.tga", "convert", "convert {alpha} -compress RLE {out}", kMagickUpright, 0},
+    {"im_alpha_top.tga", "convert", "convert {alpha} -orient TopLeft -compress None {out}", kMagickUpright, 0},
+    {"im_map.tga", "convert", "convert {few} -type Palette -compress None {out}", kMagickUpright, 0},
+    {"im_map_rle_top.tga", "convert", "convert {few} -type Palette -orient TopLeft -compress RLE {out}",
+     kMagickUpright, 0},
+    {"im_grey.tga", "convert", "convert {grey} -type Grayscale -compress None {out}", kMagickUpright, 0},
+    {"im_grey_rle_top.tga", "convert", "convert {grey} -type Grayscale -orient TopLeft -compress RLE {out}",
+     kMagickUpright, 0},
+    {"netpbm_rgb.tga", "ppmtotga", "ppmtotga -rgb {photo} > {out}", "tgatoppm {out}", 0},
+    {"netpbm_map.tga", "ppmtotga", "ppmtotga -cmap -norle {few} > {out}", "tgatoppm {out}", 0},
+    {"netpbm_grey.tga", "ppmtotga", "ppmtotga -mono {grey} > {out}", "tgatoppm {out}", 0},
     // PCX: 8 bits with the palette behind the pixels, 24 bits in three
     // planes, netpbm's planar and packed forms.
     {"im_8bit.pcx", "convert", "convert {photo} -colors 200 PCX:{out}", nullptr, 0},
@@ -136,6 +184,12 @@ const PeerFile kPeerFiles[] = {
     {"cjpeg_arithmetic.jpg", "cjpeg", "cjpeg -arithmetic -sample 2x1 {photo} > {out}", "djpeg -pnm {out}", 0},
     {"cjpeg_restart.jpg", "cjpeg", "cjpeg -restart 1 -optimize {photo} > {out}", "djpeg -pnm {out}", 0},
     {"cjpeg_grey.jpg", "cjpeg", "cjpeg -grayscale {photo} > {out}", "djpeg -pnm {out}", 0},
+    {"cjpeg_restart_blocks.jpg", "cjpeg", "cjpeg -restart 3B {photo} > {out}", "djpeg -pnm {out}", 0},
+    {"cjpeg_1x2.jpg", "cjpeg", "cjpeg -sample 1x2 {photo} > {out}", "djpeg -pnm {out}", 0},
+    {"cjpeg_2x2_q100.jpg", "cjpeg", "cjpeg -sample 2x2 -quality 100 {photo} > {out}", "djpeg -pnm {out}", 0},
+    {"cjpeg_progressive_grey.jpg", "cjpeg", "cjpeg -progressive -grayscale {photo} > {out}", "djpeg -pnm {out}", 0},
+    {"cjpeg_arith_progressive.jpg", "cjpeg", "cjpeg -arithmetic -progressive -sample 1x1 {photo} > {out}",
+     "djpeg -pnm {out}", 0},
     // PNG colour, palette and alpha files (grey files read through the
     // library's grey scale, which ImageMagick does not use).
     {"im_rgb.png", "convert", "convert {photo} -define png:color-type=2 {out}", nullptr, 0},
@@ -145,6 +199,14 @@ const PeerFile kPeerFiles[] = {
      nullptr, 0},
     // TIFF through libtiff: strips and tiles, the common compressions, both
     // byte orders, separate planes, 16 bits, grey and palettes.
+    {"im_none.tif", "convert", "convert {photo} -compress None {out}", nullptr, 0},
+    {"im_lzw.tif", "convert", "convert {photo} -compress LZW {out}", nullptr, 0},
+    {"im_zip.tif", "convert", "convert {photo} -compress Zip {out}", nullptr, 0},
+    {"im_16.tif", "convert", "convert {photo} -depth 16 {out}", nullptr, 0},
+    {"im_rgb16_tiles.tif", "convert", "convert {photo} -depth 16 -define tiff:tile-geometry=16x16 {out}", nullptr, 0},
+    {"im_grey16.tif", "convert", "convert {grey} -depth 16 -define quantum:polarity=min-is-white {out}", nullptr, 0},
+    {"im_grey16_tiles.tif", "convert",
+     "convert {grey} -depth 16 -define tiff:tile-geometry=16x16 {out}", nullptr, 0},
     {"im_lzw_pred.tif", "convert", "convert {photo} -compress LZW -define tiff:predictor=2 {out}", nullptr, 0},
     {"im_zip_tiles.tif", "convert", "convert {photo} -compress Zip -define tiff:tile-geometry=16x16 {out}", nullptr, 0},
     {"im_packbits_msb.tif", "convert", "convert {photo} -compress RLE -endian MSB {out}", nullptr, 0},
@@ -154,11 +216,29 @@ const PeerFile kPeerFiles[] = {
     {"im_pal4.tif", "convert", "convert {few} -type Palette -depth 4 {out}", nullptr, 0},
     {"tiffcp_lzw_tiles.tif", "tiffcp",
      "convert {photo} -compress None {out}.src.tif && tiffcp -c lzw:2 -t -w 16 -l 16 {out}.src.tif {out}", nullptr, 0},
+    {"tiffcp_separate_packbits.tif", "tiffcp",
+     "convert {photo} -compress None {out}.src.tif && tiffcp -p separate -c packbits {out}.src.tif {out}", nullptr, 0},
+    {"tiffcp_big_endian.tif", "tiffcp",
+     "convert {photo} -compress None {out}.src.tif && tiffcp -B -c lzw {out}.src.tif {out}", nullptr, 0},
+    {"tiffcp_strips.tif", "tiffcp",
+     "convert {photo} -compress None {out}.src.tif && tiffcp -L -r 5 {out}.src.tif {out}", nullptr, 0},
+    {"tiffcp_g4.tif", "tiffcp", "convert {bw} -compress None {out}.src.tif && tiffcp -c g4 {out}.src.tif {out}",
+     nullptr, 0},
+    {"tiffcp_g3_2d.tif", "tiffcp", "convert {bw} -compress None {out}.src.tif && tiffcp -c g3:2d {out}.src.tif {out}",
+     nullptr, 0},
+    {"tiffcp_g4_tiles.tif", "tiffcp",
+     "convert {bw} -compress None {out}.src.tif && tiffcp -t -w 16 -l 16 -c g4 {out}.src.tif {out}", nullptr, 0},
     {"gdal_deflate_bands.tif", "gdal_translate",
      "gdal_translate -q -co INTERLEAVE=BAND -co COMPRESS=DEFLATE {photo} {out}", nullptr, 0},
     // Bilevel TIFF in both polarities.
     {"im_g4.tif", "convert", "convert {bw} -compress Group4 {out}", nullptr, 0},
     {"im_minblack.tif", "convert", "convert {bw} -define quantum:polarity=min-is-black {out}", nullptr, 0},
+    {"im_bilevel.tif", "convert", "convert {bw} -depth 1 -compress None {out}", nullptr, 0},
+    {"im_g3.tif", "convert", "convert {bw} -compress Fax {out}", nullptr, 0},
+    // Alpha through libtiff's RGBA interface: colour premultiplied, as
+    // ImageMagick composes it over black (rounded its own way).
+    {"im_rgba.tif", "convert", "convert {alpha} -compress LZW {out}",
+     "convert {out} -background black -alpha remove -depth 8 ppm:-", 1},
 };
 
 const OurFile kOurFiles[] = {
@@ -171,6 +251,14 @@ const OurFile kOurFiles[] = {
      0, true},
     {"ours_rgb.bmp", "photo", "", "convert", nullptr, 0, true},
     {"ours_bw.bmp", "bw", "", "bmptopnm", "bmptopnm {out}", 0, true},
+    {"ours_256.bmp", "photo", "--mode 256", "bmptopnm", "bmptopnm {out}", 0, false},
+    {"ours_16.bmp", "few", "--mode 16", "convert", nullptr, 0, false},
+    {"ours_grey.bmp", "grey", "--mode grey", "convert", nullptr, 0, true},
+    {"ours_map.bmp", "pal", "", "bmptopnm", "bmptopnm {out}", 0, false},
+    // Targa: true colour, with alpha, read upright by ImageMagick.
+    {"ours_rgb.tga", "photo", "", "convert", kMagickUpright, 0, true},
+    {"ours_rgb_netpbm.tga", "photo", "", "tgatoppm", "tgatoppm {out}", 0, true},
+    {"ours_alpha.tga", "alpha", "", "convert", kMagickUpright, 0, true},
     // From RGB through an optimised palette: colours move to the optimiser's cell centres.
     {"ours_256.pcx", "few", "", "pcxtoppm", "pcxtoppm {out}", 0, false},
     {"ours_16.pcx", "few", "--mode 16", "pcxtoppm", "pcxtoppm {out}", 0, false},
@@ -193,12 +281,17 @@ const OurFile kOurFiles[] = {
     {"ours_grey_levels.gif", "photo", "--mode grey", "giftopnm", "giftopnm {out}", 0, false},
     {"ours_grey.gif", "grey", "", "convert", nullptr, 0, true},
     {"ours_bw.gif", "bw", "", "giftopnm", "giftopnm {out}", 0, true},
+    {"ours_map.gif", "pal", "", "gm", "gm convert {out}[0] ppm:-", 0, false},
     {"ours.png", "photo", "", "pngcheck", nullptr, 0, true},
     {"ours_few.png", "few", "--mode 256", "convert", nullptr, 0, false},  // optimised palette
     {"ours_bw.png", "bw", "", "convert", nullptr, 0, true},
     {"ours.jpg", "photo", "--quality 90", "djpeg", "djpeg -pnm {out}", 0, false},
     {"ours_grey.jpg", "grey", "", "djpeg", "djpeg -pnm {out}", 0, false},
-    {"ours_rgb.tif", "photo", "", "convert", nullptr, 0, true},
+    {"ours_rgb.tif", "photo", "", "convert", "tiffinfo -D {out} >/dev/null && convert {out} -depth 8 pam:-", 0, true},
+    {"ours_packbits.tif", "photo", "--compression 32773", "convert", nullptr, 0, true},
+    {"ours_16.tif", "few", "--mode 16", "tiffinfo", "tiffinfo -D {out} >/dev/null && convert {out} -depth 8 pam:-", 1,
+     false},
+    {"ours_geo.tif", "photo", "--type 29", "convert", nullptr, 0, true},
     {"ours_lzw.tif", "photo", "--compression -5", "convert", nullptr, 0, true},
     {"ours_deflate.tif", "photo", "--compression 32946", "convert", nullptr, 0, true},
     // Palette TIFF files hold value x 256 in their ColorMap: other readers
@@ -207,6 +300,50 @@ const OurFile kOurFiles[] = {
     {"ours_grey.tif", "grey", "--mode grey", "convert", nullptr, 1, true},
     // Group 4, min-is-white.
     {"ours_bw.tif", "bw", "", "convert", nullptr, 0, false},
+};
+
+// The Targa samples' PNG references, beside them.
+#define TGA_REFERENCE(name) \
+    {"tga/common/" name "_bl_rle.tga", "convert", "f={out}; convert \"${f%_bl_rle.tga}.png\" -depth 8 pam:-"}
+
+const SampleFile kSampleFiles[] = {
+    // BMP suite: every depth, RLE, OS/2 and version 4/5 headers, bit
+    // fields; two-colour files keep their own colours through the CLI.
+    {"bmp/g/pal1.bmp", "convert", nullptr},         {"bmp/g/pal1wb.bmp", "convert", nullptr},
+    {"bmp/g/pal1bg.bmp", "convert", nullptr},       {"bmp/g/pal4.bmp", "convert", nullptr},
+    {"bmp/g/pal4rle.bmp", "convert", nullptr},      {"bmp/g/pal8.bmp", "convert", nullptr},
+    {"bmp/g/pal8rle.bmp", "convert", nullptr},      {"bmp/g/pal8-0.bmp", "convert", nullptr},
+    {"bmp/g/pal8os2.bmp", "convert", nullptr},      {"bmp/g/pal8topdown.bmp", "convert", nullptr},
+    {"bmp/g/pal8w124.bmp", "convert", nullptr},     {"bmp/g/pal8w125.bmp", "convert", nullptr},
+    {"bmp/g/pal8w126.bmp", "convert", nullptr},     {"bmp/g/pal8nonsquare.bmp", "convert", nullptr},
+    {"bmp/g/rgb24.bmp", "convert", nullptr},        {"bmp/g/rgb24pal.bmp", "convert", nullptr},
+    {"bmp/g/pal8v4.bmp", "convert", nullptr},       {"bmp/g/pal8v5.bmp", "convert", nullptr},
+    {"bmp/g/rgb16.bmp", "convert", nullptr},        {"bmp/g/rgb16-565.bmp", "convert", nullptr},
+    {"bmp/g/rgb16-565pal.bmp", "convert", nullptr}, {"bmp/g/rgb32.bmp", "convert", nullptr},
+    {"bmp/g/rgb32bf.bmp", "convert", nullptr},
+    TGA_REFERENCE("200x32_rgb"), TGA_REFERENCE("200x32_rgba"), TGA_REFERENCE("200x32_p"),
+    TGA_REFERENCE("200x32_l"),   TGA_REFERENCE("200x32_la"),   TGA_REFERENCE("1x1_l"),
+    // GIF animations (chi, iss634: a local table, no global one) read their
+    // first image; a comment after the only image is not read.
+    {"gif/chi.gif", "convert", nullptr},   {"gif/comment_after_only_frame.gif", "convert", nullptr},
+    {"gif/hopper.gif", "convert", nullptr}, {"gif/iss634.gif", "convert", nullptr},
+    // One plane of 1 bit, palette black, white: read through the palette as
+    // pcxtoppm does (ImageMagick 6.9 ignores it).
+    {"pcx/odd_stride.pcx", "convert", nullptr}, {"pcx/p_4_planes.pcx", "convert", nullptr},
+    {"pcx/pil184.pcx", "pcxtoppm", "pcxtoppm {out}"},
+    {"jpg/flower.jpg", "djpeg", "djpeg -pnm {out}"}, {"jpg/hopper.jpg", "djpeg", "djpeg -pnm {out}"},
+    {"jpg/hopper_gray.jpg", "djpeg", "djpeg -pnm {out}"},
+    {"tif/8bit.s.tif", "convert", nullptr},        {"tif/compression.tif", "convert", nullptr},
+    {"tif/copyleft.tiff", "convert", nullptr},     {"tif/g4-fillorder-test.tif", "convert", nullptr},
+    {"tif/hopper.tif", "convert", nullptr},        {"tif/hopper_g4.tif", "convert", nullptr},
+    {"tif/hopper_gray_4bpp.tif", "convert", nullptr}, {"tif/hopper_lzw.tif", "convert", nullptr},
+    {"tif/g4_orientation_1.tif", "convert", nullptr}, {"tif/g4_orientation_4.tif", "convert", nullptr},
+};
+
+const RefusedSample kRefusedSamples[] = {
+    {"pcx/01r_00.pcx", -154},            // lines of 12 bytes for 88 pixels of 8 bits
+    {"ras/hopper.ras", -119},            // 24-bit Sun rasters are not read
+    {"jpg/pil_sample_cmyk.jpg", -154},   // CMYK JPEG
 };
 
 // --- pictures ---------------------------------------------------------------
@@ -323,16 +460,29 @@ struct Sources {
         iltest::writeFile(dir.file("few.ppm"), few);
         iltest::writeFile(dir.file("grey.pgm"), grey);
         iltest::writeFile(dir.file("bw.pbm"), bw);
+        std::string alpha = "P7\nWIDTH 61\nHEIGHT 43\nDEPTH 4\nMAXVAL 255\nTUPLTYPE RGB_ALPHA\nENDHDR\n";
+        for (int i = 0; i < w * h; ++i) {
+            alpha.append(photo, photo.size() - size_t(w * h - i) * 3, 3);
+            alpha += char(i % 7 == 3 ? 0 : 255 - i % w * 4);
+        }
+        iltest::writeFile(dir.file("alpha.pam"), alpha);
+        iltest::run("'" + iltest::cliPath() + "' convert '" + dir.file("few.ppm") + "' '" + dir.file("pal.bmp") +
+                    "' --mode 256");
     }
     std::string expand(std::string command, const std::string& out) const {
         command = replaceAll(command, "{out}", "'" + out + "'");
         command = replaceAll(command, "{photo}", "'" + dir.file("photo.ppm") + "'");
         command = replaceAll(command, "{few}", "'" + dir.file("few.ppm") + "'");
         command = replaceAll(command, "{grey}", "'" + dir.file("grey.pgm") + "'");
+        command = replaceAll(command, "{alpha}", "'" + dir.file("alpha.pam") + "'");
         return replaceAll(command, "{bw}", "'" + dir.file("bw.pbm") + "'");
     }
     std::string source(const std::string& name) const {
-        return dir.file(name + (name == "grey" ? ".pgm" : name == "bw" ? ".pbm" : ".ppm"));
+        return dir.file(name + (name == "grey"    ? ".pgm"
+                                : name == "bw"    ? ".pbm"
+                                : name == "alpha" ? ".pam"
+                                : name == "pal"   ? ".bmp"
+                                                  : ".ppm"));
     }
 };
 
@@ -403,6 +553,7 @@ TEST_P(OurFiles, DecodeInThePeerToOurPixels) {
     expectSame(mine, decodeWith(src.expand(row.decode ? row.decode : kMagick, out)), row.tolerance, row.name);
     if (row.lossless) {
         const std::vector<uint8_t> bytes = iltest::readFile(src.source(row.source));
+        ASSERT_NE(row.source, std::string("pal")) << "the palette source is no PNM";
         expectSame(parsePnm(std::string(bytes.begin(), bytes.end())), mine, 0,
                    std::string(row.name) + " against its source");
     }
@@ -410,5 +561,34 @@ TEST_P(OurFiles, DecodeInThePeerToOurPixels) {
 
 INSTANTIATE_TEST_SUITE_P(Interop, OurFiles, ::testing::ValuesIn(kOurFiles),
                          [](const auto& info) { return testName(info.param.name); });
+
+class SampleFiles : public ::testing::TestWithParam<SampleFile> {};
+
+TEST_P(SampleFiles, DecodeAsTheReferenceDecodesThem) {
+    const SampleFile& row = GetParam();
+    const std::string path = iltest::corpusFile(row.path);
+    if (path.empty()) GTEST_SKIP() << "sample corpus absent";
+    if (!iltest::haveProgram(row.tool)) GTEST_SKIP() << row.tool << " absent";
+    Sources src;
+    const Picture reference = decodeWith(src.expand(row.decode ? row.decode : kMagick, path));
+    expectSame(reference, ours(path, src.dir.file("ours.pam")), 0, row.path);
+}
+
+INSTANTIATE_TEST_SUITE_P(Interop, SampleFiles, ::testing::ValuesIn(kSampleFiles),
+                         [](const auto& info) { return testName(info.param.path); });
+
+TEST(RefusedSamples, FailWithTheirStatus) {
+    if (iltest::corpusDir().empty()) GTEST_SKIP() << "sample corpus absent";
+    iltest::TempDir dir;
+    for (const RefusedSample& row : kRefusedSamples) {
+        std::string out;
+        EXPECT_EQ(iltest::run("'" + iltest::cliPath() + "' convert '" + iltest::corpusFile(row.path) + "' '" +
+                                  dir.file("x.pam") + "' 2>&1",
+                              &out),
+                  1)
+            << row.path;
+        EXPECT_NE(out.find("(status " + std::to_string(row.status) + ")"), std::string::npos) << row.path << ": " << out;
+    }
+}
 
 }  // namespace

@@ -1,7 +1,6 @@
-// JPEG and PNG shared with djpeg/cjpeg, ImageMagick and pngcheck: JPEG
-// files of every common coding decode exactly as djpeg decodes them; PNG
-// files of every colour type and bit depth decode to ImageMagick's pixels
-// (through this library's grey-scale and composition rules); our PNG files
+// PNG cases beyond the rows of the codec interop table: files of every
+// colour type and bit depth decode to ImageMagick's pixels through this
+// library's grey-scale and composition rules; our PNG files of every mode
 // pass pngcheck and decode in ImageMagick to what we wrote. A case is
 // skipped when its tool is absent.
 #include <gtest/gtest.h>
@@ -77,16 +76,6 @@ Bytes ourRGB(const std::string& path, ImageSize& size) {
     return rgb;
 }
 
-// The peer's picture as row-planar RGB of 8-bit samples (grey repeated).
-Bytes planar(const Pnm& p) {
-    Bytes rgb(size_t(p.w) * p.h * 3);
-    for (int y = 0; y < p.h; ++y)
-        for (int x = 0; x < p.w; ++x)
-            for (int c = 0; c < 3; ++c)
-                rgb[(size_t(y) * 3 + c) * p.w + x] = uint8_t(p.at(x, y, p.channels >= 3 ? c : 0));
-    return rgb;
-}
-
 class JpegPngInterop : public ::testing::Test {
 protected:
     iltest::TempDir dir;
@@ -108,46 +97,6 @@ protected:
         return out;
     }
 };
-
-TEST_F(JpegPngInterop, JpegCodingsReadAsDjpegReadsThem) {
-    if (!have("cjpeg") || !have("djpeg")) GTEST_SKIP() << "no cjpeg/djpeg";
-    const std::string src8 = make("convert '" + ppm + "' -depth 8", "src8.ppm");
-    const std::vector<std::string> options = {
-        "",           "-progressive", "-arithmetic",      "-restart 1",  "-restart 3B",   "-sample 1x1",
-        "-sample 2x1", "-sample 1x2", "-sample 2x2",      "-grayscale",  "-optimize",     "-quality 100",
-        "-progressive -grayscale",    "-arithmetic -progressive -sample 1x1", "-restart 1 -sample 2x1"};
-    int n = 0;
-    for (const std::string& opt : options) {
-        const std::string f = make("cjpeg " + opt + " '" + src8 + "' >", "c" + std::to_string(n++) + ".jpg");
-        ImageSize size{};
-        const Bytes mine = ourRGB(f, size);
-        ASSERT_FALSE(mine.empty()) << opt;
-        EXPECT_EQ(korImage_typeFromFile(f.c_str()), 18) << opt;
-        EXPECT_EQ(mine, planar(viaTool("djpeg -pnm '" + f + "'"))) << "cjpeg " << opt;
-    }
-    // Our own files, colour and grey, decode in djpeg to what we decode.
-    for (const char* mode : {"rgb", "grey"}) {
-        const std::string f = dir.file(std::string("ours_") + mode + ".jpg");
-        ASSERT_EQ(iltest::run(iltest::cliPath() + " convert '" + src8 + "' '" + f + "' --mode " + mode), 0);
-        ImageSize size{};
-        EXPECT_EQ(ourRGB(f, size), planar(viaTool("djpeg -pnm '" + f + "'"))) << mode;
-    }
-}
-
-TEST_F(JpegPngInterop, CorpusJpegFilesReadAsDjpegReadsThem) {
-    if (!have("djpeg")) GTEST_SKIP() << "no djpeg";
-    const std::string dirPath = iltest::corpusDir();
-    if (dirPath.empty()) GTEST_SKIP() << "no corpus";
-    for (const char* name : {"flower.jpg", "hopper.jpg", "hopper_gray.jpg"}) {
-        const std::string f = dirPath + "/jpg/" + name;
-        ImageSize size{};
-        EXPECT_EQ(ourRGB(f, size), planar(viaTool("djpeg -pnm '" + f + "'"))) << name;
-    }
-    ImageSize size{};
-    int mode = 0;
-    EXPECT_EQ(korImage_readFileInfo(&size, &mode, nullptr, (dirPath + "/jpg/pil_sample_cmyk.jpg").c_str(), 18),
-              IMGERR_BADFILE);
-}
 
 // libpng's composition of a grey sample (16-bit scale) with alpha over
 // black: to linear light (file gamma 0.45), composed, back to the screen

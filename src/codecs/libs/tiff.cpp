@@ -589,11 +589,29 @@ int tiff_readFileToMap(void** buffer, ImageSize* size, uint8_t* red, uint8_t* gr
     TIFF* t = tif.get();
     Fields f;
     if (int st = readFields(t, path, f)) return st;
-    if (!f.hasPhotometric || f.bits > 8) return IMGERR_UNSUPPORTEDTYPE;
+    // 16-bit grey reads as its high bytes through a ramp of 256 levels.
+    const bool grey16 = f.hasPhotometric && f.bits == 16 && f.photometric <= PHOTOMETRIC_MINISBLACK;
+    if (!f.hasPhotometric || (f.bits > 8 && !grey16)) return IMGERR_UNSUPPORTEDTYPE;
     if (f.samples != 1) return IMGERR_UNSUPPORTEDTYPE;
     uint8_t r[256], g[256], b[256];
-    int n = 0;
-    if (int st = paletteOf(t, f, r, g, b, &n)) return st;
+    int n = 256;
+    if (grey16) {
+        for (int i = 0; i < 256; ++i)
+            r[i] = g[i] = b[i] = uint8_t(f.photometric == PHOTOMETRIC_MINISBLACK ? i : 255 - i);
+    } else if (int st = paletteOf(t, f, r, g, b, &n)) {
+        return st;
+    }
+    const auto unpack = [&](uint8_t* to, const uint8_t* from, uint32_t count) {
+        if (!grey16) {
+            korImage_unpackBuffer(to, from, f.bits, int(count));
+            return;
+        }
+        for (uint32_t x = 0; x < count; ++x) {  // samples in the machine's order, as libtiff hands them out
+            uint16_t v;
+            std::memcpy(&v, from + 2 * size_t(x), 2);
+            to[x] = uint8_t(v >> 8);
+        }
+    };
 
     const ImageSize sz{int32_t(f.width), int32_t(f.height)};
     const size_t w = f.width;
@@ -622,14 +640,13 @@ int tiff_readFileToMap(void** buffer, ImageSize* size, uint8_t* red, uint8_t* gr
     };
 
     if (!f.tiled) {
-        const size_t perByte = size_t(8 / f.bits);
+        const size_t lineBytes = (w * f.bits + 7) / 8;
         il::Scratch<uint8_t> line;
-        if (!lineBuffer(line, (w + perByte - 1) / perByte, TIFFScanlineSize(t), il::tag("TfMs")))
-            return IMGERR_NOMEMORY;
+        if (!lineBuffer(line, lineBytes, TIFFScanlineSize(t), il::tag("TfMs"))) return IMGERR_NOMEMORY;
         for (uint32_t y = 0; y < f.height; ++y) {
             if (stopped(stop, int(f.height), int(y))) return IMGERR_STOPPED;
             if (TIFFReadScanline(t, line.get(), y, 0) < 0) return IMGERR_READFAILED;
-            korImage_unpackBuffer(values.get(), line.get(), f.bits, int(w));
+            unpack(values.get(), line.get(), uint32_t(w));
             if (int st = store(y, values.get())) return st;
         }
     } else {
@@ -644,7 +661,7 @@ int tiff_readFileToMap(void** buffer, ImageSize* size, uint8_t* red, uint8_t* gr
                 if (TIFFReadTile(t, tile.get(), tx, ty, 0, 0) < 0) return IMGERR_READFAILED;
                 const uint32_t cols = std::min(f.tileWidth, f.width - tx);
                 for (uint32_t r = 0; r < rowsHere; ++r) {
-                    korImage_unpackBuffer(tv.get(), tile.get() + size_t(r) * size_t(tileRow), f.bits, int(cols));
+                    unpack(tv.get(), tile.get() + size_t(r) * size_t(tileRow), cols);
                     std::memcpy(band.get() + size_t(r) * w + tx, tv.get(), cols);
                 }
             }
