@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "format_table.h"
 #include "image.h"  // tools/imagelib: the CLI's image steps, over the C ABI only
 #include "imagelib/imagelib.h"
 
@@ -230,49 +231,19 @@ py::array toArray(LibImage& img) {
 
 // ---- formats, types, info --------------------------------------------------------
 
-struct FormatRow {
-    std::string ext, osType, name;
-    bool readable = false, writable = false, alpha = false, hasSupport = false;
-    int support[6] = {};
-};
-
 py::list formats() {
-    static const char* kKeys[6] = {"defaultMode", "rgb", "palette256", "palette16", "grey", "bilevel"};
-    std::vector<FormatRow> rows(IMAGELIB_FILETYPE_COUNT);
+    std::vector<cli::FormatRow> rows;
     {
         py::gil_scoped_release nogil;  // the names come from the message catalogue
-        for (int type = 0; type < IMAGELIB_FILETYPE_COUNT; ++type) {
-            FormatRow& r = rows[size_t(type)];
-            char ext[16];
-            korImage_getExtension(ext, type);
-            r.ext = ext;
-            uint32_t os = 0;
-            korImage_getOSFileType(&os, type);
-            for (int s = 24; s >= 0; s -= 8) r.osType += char((os >> s) & 0xFF);
-            char text[IMAGELIB_TEXT_MAX];
-            int t;
-            for (int i = 0; i < IMAGELIB_IMPORT_LIST_ROWS; ++i)
-                if (korImage_getImportFormat(text, &t, i) == 0 && t == type) {
-                    r.readable = true;
-                    r.name = text;
-                }
-            for (int i = 0; i < IMAGELIB_EXPORT_LIST_ROWS; ++i)
-                if (korImage_getExportFormat(text, &t, i) == 0 && t == type) {
-                    r.writable = true;
-                    if (r.name.empty()) r.name = text;
-                }
-            int* v = r.support;
-            r.hasSupport = korImage_getExportSupport(&v[0], &v[1], &v[2], &v[3], &v[4], &v[5], type) == 0;
-            r.alpha = korImage_alphaExportSupported(type) != 0;
-        }
+        for (int type = 0; type < IMAGELIB_FILETYPE_COUNT; ++type) rows.push_back(cli::describeFormat(type));
     }
     py::list out;
     for (int type = 0; type < IMAGELIB_FILETYPE_COUNT; ++type) {
-        const FormatRow& r = rows[size_t(type)];
+        const cli::FormatRow& r = rows[size_t(type)];
         py::object support = py::none();
-        if (r.hasSupport) {
+        if (r.support[0] >= 0) {
             py::dict d;
-            for (int i = 0; i < 6; ++i) d[kKeys[i]] = r.support[i];
+            for (int i = 0; i < 6; ++i) d[cli::kExportSupportKeys[i]] = r.support[i];
             support = d;
         }
         py::dict row;
