@@ -141,6 +141,25 @@ bool sizeOk(const ImageSize* size) { return size && size->x >= 0 && size->y >= 0
 
 namespace il {
 
+RowTable::~RowTable() {
+    if (rows) korImage_freeImage(rows, &size, layout);
+}
+
+bool RowTable::allocate(ImageSize tableSize, int tableLayout) noexcept {
+    if (rows) korImage_freeImage(rows, &size, layout);
+    size = tableSize;
+    layout = tableLayout;
+    rows = static_cast<void**>(dlmSystem_korCalloc(size_t(size.y > 0 ? size.y : 1), sizeof(void*)));
+    return rows != nullptr;
+}
+
+void RowTable::adopt(void* table, ImageSize tableSize, int tableLayout) noexcept {
+    if (rows) korImage_freeImage(rows, &size, layout);
+    rows = static_cast<void**>(table);
+    size = tableSize;
+    layout = tableLayout;
+}
+
 int storePackByteRow(uint8_t** rows, int row, const uint8_t* bytes, int width) noexcept {
     if (!rows || row < 0 || width < 0 || (!bytes && width > 0)) return IMGERR_BADARG;
     Scratch<uint8_t> enc(packByteBound(size_t(width)), tag("PKBs"));

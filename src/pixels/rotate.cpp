@@ -17,25 +17,6 @@ struct Geometry {
     int angle;
 };
 
-// Row tables of layouts 2 and 8 that free their rows and themselves until
-// they are handed out.
-struct RowTable {
-    void** rows = nullptr;
-    int32_t count = 0;
-    ~RowTable() {
-        if (rows) {
-            ImageSize s{0, count};
-            korImage_freeImage(rows, &s, IMAGEFORMAT_PACKBYTE);
-        }
-    }
-    bool allocate(int32_t n) {
-        rows = static_cast<void**>(dlmSystem_korCalloc(size_t(n > 0 ? n : 1), sizeof(void*)));
-        count = n;
-        return rows != nullptr;
-    }
-    void* release() { return std::exchange(rows, nullptr); }
-};
-
 int stopped(int answer) { return answer != 0 ? IMGERR_STOPPED : 0; }
 
 // Layouts 3 to 7: one pass per byte component into a new block that is
@@ -78,9 +59,9 @@ bool quarterOrHalf(int angle) { return angle == 90 || angle == 180 || angle == 2
 // Layout 2: the rows are decoded into a bitmap, the bitmap is rotated and
 // its rows are encoded into a new table.
 int rotateRunLength(void** out, uint16_t* const* rows, const Geometry& g, StopFunction stop) {
-    RowTable table;
+    il::RowTable table;
     if (!quarterOrHalf(g.angle)) {  // the block of another angle: a table of null rows
-        if (!table.allocate(g.h)) return IMGERR_NOMEMORY;
+        if (!table.allocate(ImageSize{g.w, g.h}, IMAGEFORMAT_RLEBITMAP)) return IMGERR_NOMEMORY;
         *out = table.release();
         return 0;
     }
@@ -94,8 +75,8 @@ int rotateRunLength(void** out, uint16_t* const* rows, const Geometry& g, StopFu
             return IMGERR_BADFILE;
     }
     if (const int s = stopped(il::rotateBits(bits.get(), turned.get(), g.w, g.h, g.angle, stop))) return s;
-    if (!table.allocate(g.newH)) return IMGERR_NOMEMORY;
-    uint16_t** newRows = reinterpret_cast<uint16_t**>(table.rows);
+    if (!table.allocate(ImageSize{g.newW, g.newH}, IMAGEFORMAT_RLEBITMAP)) return IMGERR_NOMEMORY;
+    uint16_t** newRows = table.runs();
     for (int32_t y = 0; y < g.newH; ++y)
         if (il::storeRLEBitMapRow(newRows, y, turned.get() + size_t(y) * dstRow, g.newW) != 0)
             return IMGERR_NOMEMORY;
@@ -106,9 +87,9 @@ int rotateRunLength(void** out, uint16_t* const* rows, const Geometry& g, StopFu
 // Layout 8: the rows are unpacked into a byte map, rotated, and packed into
 // a new table.
 int rotatePackByte(void** out, uint8_t* const* rows, const Geometry& g, StopFunction stop) {
-    RowTable table;
+    il::RowTable table;
     if (!quarterOrHalf(g.angle)) {
-        if (!table.allocate(g.h)) return IMGERR_NOMEMORY;
+        if (!table.allocate(ImageSize{g.w, g.h})) return IMGERR_NOMEMORY;
         *out = table.release();
         return 0;
     }
@@ -122,8 +103,8 @@ int rotatePackByte(void** out, uint8_t* const* rows, const Geometry& g, StopFunc
     const int answer = il::rotateComponent(map.get(), size_t(g.w), turned.get(), size_t(g.newW), g.w, g.h, 1,
                                            g.angle, stop);
     if (answer != 0) return IMGERR_STOPPED;
-    if (!table.allocate(g.newH)) return IMGERR_NOMEMORY;
-    uint8_t** newRows = reinterpret_cast<uint8_t**>(table.rows);
+    if (!table.allocate(ImageSize{g.newW, g.newH})) return IMGERR_NOMEMORY;
+    uint8_t** newRows = table.bytes();
     for (int32_t y = 0; y < g.newH; ++y)
         if (il::storePackByteRow(newRows, y, turned.get() + size_t(y) * size_t(g.newW), g.newW) != 0)
             return IMGERR_NOMEMORY;

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 #include "imagelib/pixels.h"
 
@@ -50,6 +51,28 @@ int rleDecodeRowBounded(uint8_t* row, const uint16_t* runs, int runCount, int wi
 // (at most maxRuns are read); IMGERR_BADFILE when maxRuns runs do not
 // reach it. Use it to validate rows built from file data.
 int rleRowRunCount(const uint16_t* runs, int maxRuns, int width) noexcept;
+
+// --- row tables -------------------------------------------------------------
+
+// A row table of layout 2 (run-length bitmap rows) or 8 (PackByte rows)
+// that frees its rows and itself until it is handed out.
+struct RowTable {
+    void** rows = nullptr;
+    ImageSize size{};
+    int layout = IMAGEFORMAT_PACKBYTE;
+
+    RowTable() = default;
+    RowTable(const RowTable&) = delete;
+    RowTable& operator=(const RowTable&) = delete;
+    ~RowTable();
+    // A table of size.y null rows. False when out of memory.
+    bool allocate(ImageSize tableSize, int tableLayout = IMAGEFORMAT_PACKBYTE) noexcept;
+    // Takes over a table made elsewhere.
+    void adopt(void* table, ImageSize tableSize, int tableLayout = IMAGEFORMAT_PACKBYTE) noexcept;
+    uint8_t** bytes() const { return reinterpret_cast<uint8_t**>(rows); }
+    uint16_t** runs() const { return reinterpret_cast<uint16_t**>(rows); }
+    void* release() noexcept { return std::exchange(rows, nullptr); }
+};
 
 // --- PackByte rows -----------------------------------------------------------
 

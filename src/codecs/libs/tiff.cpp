@@ -108,6 +108,43 @@ bool lineBuffer(il::Scratch<uint8_t>& buf, size_t want, tmsize_t libtiffSize, ui
     return buf.allocate(std::max(want, size_t(libtiffSize)), tag, true);
 }
 
+// Hands every row of a one-sample image to onRow(y, bytes) as it is stored
+// (rowBytes bytes, samples packed), a whole row also in tiled files, whose
+// tiles are laid side by side first. 0, a status, or what onRow returned.
+template <class OnRow>
+int forEachStoredRow(TIFF* t, const Fields& f, size_t rowBytes, StopFunction stop, OnRow&& onRow) {
+    if (!f.tiled) {
+        il::Scratch<uint8_t> line;
+        if (!lineBuffer(line, rowBytes, TIFFScanlineSize(t), il::tag("TfRs"))) return IMGERR_NOMEMORY;
+        for (uint32_t y = 0; y < f.height; ++y) {
+            if (stopped(stop, int(f.height), int(y))) return IMGERR_STOPPED;
+            if (TIFFReadScanline(t, line.get(), y, 0) < 0) return IMGERR_READFAILED;
+            if (int st = onRow(y, line.get())) return st;
+        }
+        return 0;
+    }
+    const tmsize_t tileSize = TIFFTileSize(t), tileRow = TIFFTileRowSize(t);
+    il::Scratch<uint8_t> tile, band;
+    if (!lineBuffer(tile, 0, tileSize, il::tag("TfRT")) || !band.allocate(rowBytes * f.tileLength, il::tag("TfRb"), true))
+        return IMGERR_NOMEMORY;
+    if (tileRow <= 0 || uint64_t(tileRow) * f.tileLength > uint64_t(tileSize)) return IMGERR_BADFILE;
+    for (uint32_t ty = 0; ty < f.height; ty += f.tileLength) {
+        if (stopped(stop, int(f.height), int(ty))) return IMGERR_STOPPED;
+        const uint32_t rowsHere = std::min(f.tileLength, f.height - ty);
+        for (uint32_t tx = 0; tx < f.width; tx += f.tileWidth) {
+            if (TIFFReadTile(t, tile.get(), tx, ty, 0, 0) < 0) return IMGERR_READFAILED;
+            // Tile widths are multiples of 16: every tile starts on a byte.
+            const size_t at = size_t(tx) * f.bits / 8;
+            const size_t n = std::min(size_t(tileRow), rowBytes - at);
+            for (uint32_t r = 0; r < rowsHere; ++r)
+                std::memcpy(band.get() + size_t(r) * rowBytes + at, tile.get() + size_t(r) * size_t(tileRow), n);
+        }
+        for (uint32_t r = 0; r < rowsHere; ++r)
+            if (int st = onRow(ty + r, band.get() + size_t(r) * rowBytes)) return st;
+    }
+    return 0;
+}
+
 // ---- RGBA interface ------------------------------------------------------------------
 
 // The job of one RGBA read: libtiff's put routine is wrapped so that it
@@ -616,17 +653,9 @@ int tiff_readFileToMap(void** buffer, ImageSize* size, uint8_t* red, uint8_t* gr
     const ImageSize sz{int32_t(f.width), int32_t(f.height)};
     const size_t w = f.width;
     il::CallerBuffer<uint8_t> map;
-    il::CallerBuffer<uint8_t*> rows;
-    struct RowsGuard {
-        uint8_t** rows;
-        ImageSize size;
-        ~RowsGuard() {
-            if (rows) korImage_freeImage(rows, &size, IMAGEFORMAT_PACKBYTE);
-        }
-    } guard{nullptr, sz};
+    il::RowTable table;
     if (packed) {
-        guard.rows = static_cast<uint8_t**>(dlmSystem_korCalloc(f.height, sizeof(uint8_t*)));
-        if (!guard.rows) return IMGERR_NOMEMORY;
+        if (!table.allocate(sz)) return IMGERR_NOMEMORY;
     } else {
         map = il::callerBytes(w * f.height, true);
         if (!map) return IMGERR_NOMEMORY;
@@ -634,52 +663,22 @@ int tiff_readFileToMap(void** buffer, ImageSize* size, uint8_t* red, uint8_t* gr
     il::Scratch<uint8_t> values(w + 16, il::tag("TfMv"), true);
     if (!values.ok()) return IMGERR_NOMEMORY;
     auto store = [&](uint32_t y, const uint8_t* v) -> int {
-        if (packed) return il::storePackByteRow(guard.rows, int(y), v, int(w));
+        if (packed) return il::storePackByteRow(table.bytes(), int(y), v, int(w));
         std::memcpy(map.get() + w * y, v, w);
         return 0;
     };
 
-    if (!f.tiled) {
-        const size_t lineBytes = (w * f.bits + 7) / 8;
-        il::Scratch<uint8_t> line;
-        if (!lineBuffer(line, lineBytes, TIFFScanlineSize(t), il::tag("TfMs"))) return IMGERR_NOMEMORY;
-        for (uint32_t y = 0; y < f.height; ++y) {
-            if (stopped(stop, int(f.height), int(y))) return IMGERR_STOPPED;
-            if (TIFFReadScanline(t, line.get(), y, 0) < 0) return IMGERR_READFAILED;
-            unpack(values.get(), line.get(), uint32_t(w));
-            if (int st = store(y, values.get())) return st;
-        }
-    } else {
-        const tmsize_t tileSize = TIFFTileSize(t), tileRow = TIFFTileRowSize(t);
-        il::Scratch<uint8_t> tile, band(w * f.tileLength, il::tag("TfMb"), true), tv(f.tileWidth + 16, il::tag("TfMt"));
-        if (!lineBuffer(tile, 0, tileSize, il::tag("TfMT")) || !band.ok() || !tv.ok()) return IMGERR_NOMEMORY;
-        if (tileRow <= 0 || uint64_t(tileRow) * f.tileLength > uint64_t(tileSize)) return IMGERR_BADFILE;
-        for (uint32_t ty = 0; ty < f.height; ty += f.tileLength) {
-            if (stopped(stop, int(f.height), int(ty))) return IMGERR_STOPPED;
-            const uint32_t rowsHere = std::min(f.tileLength, f.height - ty);
-            for (uint32_t tx = 0; tx < f.width; tx += f.tileWidth) {
-                if (TIFFReadTile(t, tile.get(), tx, ty, 0, 0) < 0) return IMGERR_READFAILED;
-                const uint32_t cols = std::min(f.tileWidth, f.width - tx);
-                for (uint32_t r = 0; r < rowsHere; ++r) {
-                    unpack(tv.get(), tile.get() + size_t(r) * size_t(tileRow), cols);
-                    std::memcpy(band.get() + size_t(r) * w + tx, tv.get(), cols);
-                }
-            }
-            for (uint32_t r = 0; r < rowsHere; ++r)
-                if (int st = store(ty + r, band.get() + size_t(r) * w)) return st;
-        }
-    }
+    const int st = forEachStoredRow(t, f, (w * f.bits + 7) / 8, stop, [&](uint32_t y, const uint8_t* stored) {
+        unpack(values.get(), stored, uint32_t(w));
+        return store(y, values.get());
+    });
+    if (st != 0) return st;
     std::memcpy(red, r, 256);
     std::memcpy(green, g, 256);
     std::memcpy(blue, b, 256);
     *count = n;
     if (size) *size = sz;
-    if (packed) {
-        *buffer = guard.rows;
-        guard.rows = nullptr;
-    } else {
-        *buffer = map.release();
-    }
+    *buffer = packed ? table.release() : static_cast<void*>(map.release());
     return 0;
 }
 
@@ -719,68 +718,29 @@ int tiff_readFileToBitMap(void** buffer, ImageSize* size, int runLength, const c
     const ImageSize sz{int32_t(f.width), int32_t(f.height)};
     const size_t rowBytes = (size_t(f.width) + 7) / 8;
     il::CallerBuffer<uint8_t> bits;
-    struct RowsGuard {
-        uint16_t** rows;
-        ImageSize size;
-        ~RowsGuard() {
-            if (rows) korImage_freeImage(rows, &size, IMAGEFORMAT_RLEBITMAP);
-        }
-    } guard{nullptr, sz};
+    il::RowTable table;
     if (runLength) {
-        guard.rows = static_cast<uint16_t**>(dlmSystem_korCalloc(f.height, sizeof(uint16_t*)));
-        if (!guard.rows) return IMGERR_NOMEMORY;
+        if (!table.allocate(sz, IMAGEFORMAT_RLEBITMAP)) return IMGERR_NOMEMORY;
     } else {
         bits = il::callerBytes(rowBytes * f.height, true);
         if (!bits) return IMGERR_NOMEMORY;
     }
-    auto flip = [invert](uint8_t* p, size_t n) {
-        if (invert)
-            for (size_t i = 0; i < n; ++i) p[i] = uint8_t(~p[i]);
-    };
     auto store = [&](uint32_t y, const uint8_t* row) -> int {
-        if (runLength) return il::storeRLEBitMapRow(guard.rows, int(y), row, int(f.width));
+        if (runLength) return il::storeRLEBitMapRow(table.runs(), int(y), row, int(f.width));
         std::memcpy(bits.get() + rowBytes * y, row, rowBytes);
         return 0;
     };
 
-    if (!f.tiled) {
-        il::Scratch<uint8_t> line;
-        if (!lineBuffer(line, rowBytes, TIFFScanlineSize(t), il::tag("TfBs"))) return IMGERR_NOMEMORY;
-        const size_t lineBytes = size_t(TIFFScanlineSize(t));
-        for (uint32_t y = 0; y < f.height; ++y) {
-            if (stopped(stop, int(f.height), int(y))) return IMGERR_STOPPED;
-            if (TIFFReadScanline(t, line.get(), y, 0) < 0) return IMGERR_READFAILED;
-            flip(line.get(), lineBytes);
-            if (int st = store(y, line.get())) return st;
-        }
-    } else {
-        const tmsize_t tileSize = TIFFTileSize(t), tileRow = TIFFTileRowSize(t);
-        il::Scratch<uint8_t> tile, band(rowBytes * f.tileLength, il::tag("TfBb"), true);
-        if (!lineBuffer(tile, 0, tileSize, il::tag("TfBT")) || !band.ok()) return IMGERR_NOMEMORY;
-        if (tileRow <= 0 || uint64_t(tileRow) * f.tileLength > uint64_t(tileSize)) return IMGERR_BADFILE;
-        for (uint32_t ty = 0; ty < f.height; ty += f.tileLength) {
-            if (stopped(stop, int(f.height), int(ty))) return IMGERR_STOPPED;
-            const uint32_t rowsHere = std::min(f.tileLength, f.height - ty);
-            for (uint32_t tx = 0; tx < f.width; tx += f.tileWidth) {
-                if (TIFFReadTile(t, tile.get(), tx, ty, 0, 0) < 0) return IMGERR_READFAILED;
-                flip(tile.get(), size_t(tileSize));
-                // Tile widths are multiples of 16: every tile starts on a byte.
-                const size_t at = tx / 8;
-                const size_t n = std::min(size_t(tileRow), rowBytes - at);
-                for (uint32_t r = 0; r < rowsHere; ++r)
-                    std::memcpy(band.get() + size_t(r) * rowBytes + at, tile.get() + size_t(r) * size_t(tileRow), n);
-            }
-            for (uint32_t r = 0; r < rowsHere; ++r)
-                if (int st = store(ty + r, band.get() + size_t(r) * rowBytes)) return st;
-        }
-    }
+    il::Scratch<uint8_t> flipped(rowBytes, il::tag("TfBf"));
+    if (!flipped.ok()) return IMGERR_NOMEMORY;
+    const int st = forEachStoredRow(t, f, rowBytes, stop, [&](uint32_t y, const uint8_t* stored) {
+        if (!invert) return store(y, stored);
+        for (size_t i = 0; i < rowBytes; ++i) flipped.get()[i] = uint8_t(~stored[i]);
+        return store(y, flipped.get());
+    });
+    if (st != 0) return st;
     if (size) *size = sz;
-    if (runLength) {
-        *buffer = guard.rows;
-        guard.rows = nullptr;
-    } else {
-        *buffer = bits.release();
-    }
+    *buffer = runLength ? table.release() : static_cast<void*>(bits.release());
     return 0;
 }
 

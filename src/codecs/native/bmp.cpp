@@ -106,16 +106,6 @@ struct Source {
     }
 };
 
-// A PackByte row table (layout 8) that frees itself until it is handed out.
-struct RowTable {
-    uint8_t** rows = nullptr;
-    ImageSize size{};
-    ~RowTable() {
-        if (rows) korImage_freeImage(rows, &size, IMAGEFORMAT_PACKBYTE);
-    }
-    uint8_t** release() { return std::exchange(rows, nullptr); }
-};
-
 // The pixels of a file of 8 bits or fewer, one index a pixel, delivered row
 // by row to `put(imageRow, bytes)`.
 template <class Put>
@@ -426,12 +416,10 @@ int imageBmp_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green
     if (!rowBuf.ok()) return IMGERR_NOMEMORY;
 
     if (packed) {
-        RowTable table;
-        table.size = ImageSize{w, h};
-        table.rows = static_cast<uint8_t**>(dlmSystem_korCalloc(size_t(h), sizeof(uint8_t*)));
-        if (!table.rows) return IMGERR_NOMEMORY;
+        il::RowTable table;
+        if (!table.allocate(ImageSize{w, h})) return IMGERR_NOMEMORY;
         int st = decodeIndexRows(src, data.get(), data.size(), rowBuf.get(), [&](int y, const uint8_t* bytes) {
-            return il::storePackByteRow(table.rows, y, bytes, w);
+            return il::storePackByteRow(table.bytes(), y, bytes, w);
         });
         if (st) return st;
         *map = table.release();
@@ -551,11 +539,10 @@ int imageBmp_readToBitMap(void** bitmap, ImageSize* size, int runLength, const c
     uint8_t red[256] = {}, green[256] = {}, blue[256] = {};
     int count = 0;
     ImageSize sz{};
-    RowTable map;
+    il::RowTable map;
     void* rows = nullptr;
     if (int st = imageBmp_readToMap(&rows, &sz, red, green, blue, &count, path, 1)) return st;
-    map.rows = static_cast<uint8_t**>(rows);
-    map.size = sz;
+    map.adopt(rows, sz);
     if (imageUtil_stopped(stop)) return IMGERR_STOPPED;
 
     // Indices to bits through the palette's grey levels. Error diffusion
@@ -564,7 +551,7 @@ int imageBmp_readToBitMap(void** bitmap, ImageSize* size, int runLength, const c
     const size_t rowBytes = (size_t(sz.x) + 7) / 8;
     il::CallerBuffer<uint8_t> bits = il::callerBytes(rowBytes * size_t(sz.y), true);
     if (!bits) return IMGERR_NOMEMORY;
-    if (int st = korImage_packByteToBitMap(bits.get(), map.rows, red, green, blue, count, &sz, 1)) return st;
+    if (int st = korImage_packByteToBitMap(bits.get(), map.bytes(), red, green, blue, count, &sz, 1)) return st;
     if (size) *size = sz;
     if (!runLength) {
         *bitmap = bits.release();

@@ -698,15 +698,6 @@ struct Placer {
     }
 };
 
-// A PackByte row table that frees itself until it is handed out.
-struct RowTable {
-    uint8_t** rows = nullptr;
-    ImageSize size{};
-    ~RowTable() {
-        if (rows) korImage_freeImage(rows, &size, IMAGEFORMAT_PACKBYTE);
-    }
-};
-
 }  // namespace
 
 int imageGif_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green, uint8_t* blue, int* colourCount,
@@ -736,13 +727,11 @@ int imageGif_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green
         placer.rowTable = rowTable.get();
     }
     il::CallerBuffer<uint8_t> bytes;
-    RowTable table;
+    il::RowTable table;
     il::Scratch<uint8_t> rowBuf;
     if (packed) {
-        table.size = ImageSize{w, h};
-        table.rows = static_cast<uint8_t**>(dlmSystem_korCalloc(size_t(h), sizeof(uint8_t*)));
-        if (!table.rows || !rowBuf.allocate(size_t(w), il::tag("GfRw"))) return IMGERR_NOMEMORY;
-        placer.rows = table.rows;
+        if (!table.allocate(ImageSize{w, h}) || !rowBuf.allocate(size_t(w), il::tag("GfRw"))) return IMGERR_NOMEMORY;
+        placer.rows = table.bytes();
         placer.rowBuf = rowBuf.get();
     } else {
         bytes = il::callerBytes(size_t(w) * size_t(h), true);
@@ -762,6 +751,6 @@ int imageGif_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green
     if (int s = placer.finishRows()) return s;
     if (size) *size = ImageSize{w, h};
     if (colourCount) *colourCount = img.colours;
-    *map = packed ? static_cast<void*>(std::exchange(table.rows, nullptr)) : bytes.release();
+    *map = packed ? table.release() : bytes.release();
     return 0;
 }

@@ -230,19 +230,6 @@ bool imageP_detect(const char* path) noexcept {
     return openP(f, &length, &h, path) == 0;
 }
 
-namespace {
-
-// Frees a PackByte row table unless released.
-struct RowTable {
-    uint8_t** rows = nullptr;
-    ImageSize size{};
-    ~RowTable() {
-        if (rows) korImage_freeImage(rows, &size, IMAGEFORMAT_PACKBYTE);
-    }
-};
-
-}  // namespace
-
 int imageP_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green, uint8_t* blue, int* colourCount,
                      const char* path, int packed, StopFunction stop) noexcept {
     if (!map || !red || !green || !blue) return IMGERR_BADARG;
@@ -280,16 +267,14 @@ int imageP_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green, 
     if (packed) {
         il::Scratch<uint8_t> row(size_t(w), il::tag("PrRw"));
         if (!row.ok()) return IMGERR_NOMEMORY;
-        RowTable table;
-        table.size = ImageSize{w, ht};
-        table.rows = static_cast<uint8_t**>(dlmSystem_korCalloc(size_t(ht), sizeof(uint8_t*)));
-        if (!table.rows) return IMGERR_NOMEMORY;
+        il::RowTable table;
+        if (!table.allocate(ImageSize{w, ht})) return IMGERR_NOMEMORY;
         for (int y = 0; y < ht; ++y) {
             if (imageUtil_reportProgress(stop, ht, y)) return IMGERR_STOPPED;
             if (!f.read(row.get(), size_t(w))) return kPOutOfRange;
-            if (int st = il::storePackByteRow(table.rows, y, row.get(), w)) return st;
+            if (int st = il::storePackByteRow(table.bytes(), y, row.get(), w)) return st;
         }
-        *map = std::exchange(table.rows, nullptr);
+        *map = table.release();
         return 0;
     }
     il::CallerBuffer<uint8_t> out = il::callerBytes(pixels);

@@ -140,23 +140,6 @@ struct Source {
     }
 };
 
-// A row table of layout 2 or 8 that frees itself until handed out.
-struct RowTable {
-    void** rows = nullptr;
-    ImageSize size{};
-    int layout = 0;
-    ~RowTable() {
-        if (rows) korImage_freeImage(rows, &size, layout);
-    }
-    bool allocate(ImageSize s, int l) {
-        size = s;
-        layout = l;
-        rows = static_cast<void**>(dlmSystem_korCalloc(size_t(s.y), sizeof(void*)));
-        return rows != nullptr;
-    }
-    void* release() { return std::exchange(rows, nullptr); }
-};
-
 // ORs bit `plane` into the pixels of row whose bit is set in line.
 void addPlane(uint8_t* row, const uint8_t* line, int width, int plane) {
     const uint8_t bit = uint8_t(1 << plane);
@@ -210,7 +193,7 @@ int imagePcx_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green
     il::Scratch<uint8_t> line(size_t(bpl) * (bits == 8 ? 2 : 1), il::tag("PcxL"));
     il::Scratch<uint8_t> rowBuf(rowBytes, il::tag("PcxR"));
     if (!line.ok() || !rowBuf.ok()) return IMGERR_NOMEMORY;
-    RowTable table;
+    il::RowTable table;
     il::CallerBuffer<uint8_t> out;
     if (packed) {
         if (!table.allocate(ImageSize{w, h}, IMAGEFORMAT_PACKBYTE)) return IMGERR_NOMEMORY;
@@ -246,7 +229,7 @@ int imagePcx_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green
             }
         }
         if (packed) {
-            if (il::storePackByteRow(reinterpret_cast<uint8_t**>(table.rows), y, row, w)) return IMGERR_NOMEMORY;
+            if (il::storePackByteRow(table.bytes(), y, row, w)) return IMGERR_NOMEMORY;
         }
     }
 
@@ -290,7 +273,7 @@ int imagePcx_readToBitMap(void** bitmap, ImageSize* size, int runLength, const c
     // One line buffer of the file's line length, whatever it is.
     il::Scratch<uint8_t> line(size_t(bpl), il::tag("PcxB"));
     if (!line.ok()) return IMGERR_NOMEMORY;
-    RowTable table;
+    il::RowTable table;
     il::CallerBuffer<uint8_t> out;
     if (runLength) {
         if (!table.allocate(ImageSize{w, h}, IMAGEFORMAT_RLEBITMAP)) return IMGERR_NOMEMORY;
@@ -303,7 +286,7 @@ int imagePcx_readToBitMap(void** bitmap, ImageSize* size, int runLength, const c
         if (imageUtil_reportProgress(stop, h, y)) return IMGERR_STOPPED;
         imagePcx_decodeLine(line.get(), 0, bpl, bpl, src.bytes.get(), src.length, &pos);
         if (runLength) {
-            if (il::storeRLEBitMapRow(reinterpret_cast<uint16_t**>(table.rows), y, line.get(), w))
+            if (il::storeRLEBitMapRow(table.runs(), y, line.get(), w))
                 return IMGERR_NOMEMORY;
         } else {
             std::memcpy(out.get() + rowBytes * size_t(y), line.get(), rowBytes);

@@ -93,16 +93,6 @@ struct Source {
     }
 };
 
-// A PackByte row table that frees itself until handed out.
-struct RowTable {
-    uint8_t** rows = nullptr;
-    ImageSize size{};
-    ~RowTable() {
-        if (rows) korImage_freeImage(rows, &size, IMAGEFORMAT_PACKBYTE);
-    }
-    uint8_t** release() { return std::exchange(rows, nullptr); }
-};
-
 }  // namespace
 
 int imageSun_readInfo(ImageSize* size, int* imageFormat, const char* path) noexcept {
@@ -160,12 +150,10 @@ int imageSun_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green
     il::Scratch<uint8_t> rowBuf(size_t(stored), il::tag("SunR"));
     il::Scratch<uint8_t> unpacked(size_t(w), il::tag("SunU"));
     if (!rowBuf.ok() || !unpacked.ok()) return IMGERR_NOMEMORY;
-    RowTable table;
+    il::RowTable table;
     il::CallerBuffer<uint8_t> out;
     if (packed) {
-        table.size = ImageSize{w, hgt};
-        table.rows = static_cast<uint8_t**>(dlmSystem_korCalloc(size_t(hgt), sizeof(uint8_t*)));
-        if (!table.rows) return IMGERR_NOMEMORY;
+        if (!table.allocate(ImageSize{w, hgt})) return IMGERR_NOMEMORY;
     } else {
         out = il::callerBytes(size_t(w) * size_t(hgt));
         if (!out) return IMGERR_NOMEMORY;
@@ -183,7 +171,7 @@ int imageSun_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green
             std::memcpy(row, rowBuf.get(), size_t(w));
         else
             korImage_unpackBuffer(row, rowBuf.get(), int(h.depth), w);
-        if (packed && il::storePackByteRow(table.rows, y, row, w)) return IMGERR_NOMEMORY;
+        if (packed && il::storePackByteRow(table.bytes(), y, row, w)) return IMGERR_NOMEMORY;
     }
     if (size) *size = ImageSize{w, hgt};
     if (colourCount) *colourCount = 1 << h.depth;
