@@ -9,6 +9,7 @@
 #include "codecs/native/gif.h"
 #include "internal/bytes.h"
 #include "pixels/rows.h"
+#include "map_reader.h"
 #include "test_support.h"
 
 namespace {
@@ -200,28 +201,12 @@ Bytes build(const GifLayout& g) {
     return f;
 }
 
-struct MapImage {
-    int status = -999;
-    ImageSize size{};
-    Bytes pixels;
-    uint8_t r[256] = {}, g[256] = {}, b[256] = {};
-    int count = -1;
-};
+using maptest::MapImage;
 
 MapImage readMap(const std::string& path, bool packed, StopFunction stop = nullptr) {
-    MapImage m;
-    void* out = nullptr;
-    m.status = imageGif_readToMap(&out, &m.size, m.r, m.g, m.b, &m.count, path.c_str(), packed, stop);
-    if (m.status != 0) return m;
-    m.pixels.resize(size_t(m.size.x) * m.size.y);
-    if (packed) {
-        il::packByteDecodeInto(m.pixels.data(), static_cast<uint8_t* const*>(out), &m.size);
-        korImage_freeImage(out, &m.size, IMAGEFORMAT_PACKBYTE);
-    } else {
-        std::memcpy(m.pixels.data(), out, m.pixels.size());
-        korImage_freeImage(out, &m.size, IMAGEFORMAT_MAP);
-    }
-    return m;
+    return maptest::readMap(packed, [&](void** out, ImageSize* size, uint8_t* r, uint8_t* g, uint8_t* b, int* n) {
+        return imageGif_readToMap(out, size, r, g, b, n, path.c_str(), packed, stop);
+    });
 }
 
 class GifFiles : public ::testing::Test {

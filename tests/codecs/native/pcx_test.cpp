@@ -10,6 +10,7 @@
 #include "imagelib/pixels.h"
 #include "internal/bytes.h"
 #include "pixels/rows.h"
+#include "map_reader.h"
 #include "test_support.h"
 
 namespace {
@@ -94,13 +95,7 @@ Bytes trailingPalette() {
     return t;
 }
 
-struct Map {
-    int status = 0;
-    ImageSize size{};
-    Bytes pixels;
-    uint8_t r[256], g[256], b[256];
-    int count = -1;
-};
+using Map = maptest::MapImage;
 
 class PcxTest : public ::testing::Test {
 protected:
@@ -112,21 +107,9 @@ protected:
     }
     // imagePcx_readToMap, contiguous or packed (decoded for comparison).
     Map read(const std::string& path, bool packed = false, StopFunction stop = nullptr) {
-        Map m;
-        std::memset(m.r, 0xAA, 256);
-        void* out = nullptr;
-        if ((m.status = imagePcx_readToMap(&out, &m.size, m.r, m.g, m.b, &m.count, path.c_str(), packed, stop)))
-            return m;
-        const size_t n = size_t(m.size.x) * m.size.y * (m.count ? 1 : 3);
-        if (packed) {
-            m.pixels.resize(n);
-            il::packByteDecodeInto(m.pixels.data(), static_cast<uint8_t* const*>(out), &m.size);
-            korImage_freeImage(out, &m.size, IMAGEFORMAT_PACKBYTE);
-        } else {
-            m.pixels.assign(static_cast<uint8_t*>(out), static_cast<uint8_t*>(out) + n);
-            korImage_freeImage(out, &m.size, IMAGEFORMAT_MAP);
-        }
-        return m;
+        return maptest::readMap(packed, [&](void** out, ImageSize* size, uint8_t* r, uint8_t* g, uint8_t* b, int* n) {
+            return imagePcx_readToMap(out, size, r, g, b, n, path.c_str(), packed, stop);
+        });
     }
 };
 

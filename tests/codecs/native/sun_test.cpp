@@ -10,6 +10,7 @@
 #include "imagelib/pixels.h"
 #include "internal/bytes.h"
 #include "pixels/rows.h"
+#include "map_reader.h"
 #include "test_support.h"
 
 namespace {
@@ -28,13 +29,7 @@ Bytes build(uint32_t width, uint32_t height, uint32_t depth, uint32_t type, cons
     return f;
 }
 
-struct Map {
-    int status = 0;
-    ImageSize size{};
-    Bytes pixels;
-    uint8_t r[256], g[256], b[256];
-    int count = -1;
-};
+using Map = maptest::MapImage;
 
 class SunTest : public ::testing::Test {
 protected:
@@ -45,20 +40,9 @@ protected:
         return p;
     }
     Map read(const std::string& path, bool packed = false, StopFunction stop = nullptr) {
-        Map m;
-        std::memset(m.r, 0xAA, 256);
-        void* out = nullptr;
-        if ((m.status = imageSun_readToMap(&out, &m.size, m.r, m.g, m.b, &m.count, path.c_str(), packed, stop)))
-            return m;
-        m.pixels.resize(size_t(m.size.x) * m.size.y);
-        if (packed) {
-            il::packByteDecodeInto(m.pixels.data(), static_cast<uint8_t* const*>(out), &m.size);
-            korImage_freeImage(out, &m.size, IMAGEFORMAT_PACKBYTE);
-        } else {
-            std::memcpy(m.pixels.data(), out, m.pixels.size());
-            korImage_freeImage(out, &m.size, IMAGEFORMAT_MAP);
-        }
-        return m;
+        return maptest::readMap(packed, [&](void** out, ImageSize* size, uint8_t* r, uint8_t* g, uint8_t* b, int* n) {
+            return imageSun_readToMap(out, size, r, g, b, n, path.c_str(), packed, stop);
+        });
     }
 };
 
