@@ -63,18 +63,21 @@ STATUS_TASKLOST = -1
 # file system may fail for a moment, so these are tried again.
 _TRANSIENT = (STATUS_WRITEFAILED, STATUS_OPENFAILED)
 
-# Group sizing. A task costs the scheduler, the client and the worker a
-# roughly fixed time (3 to 6 ms on a busy local cluster, more across a
-# network); a file costs a fixed part (open, detect, create, rename: 2 to 4 ms
-# for a small file) plus a part that grows with its bytes (70 to 100 MB/s for
-# uncompressed sources, far less for compressed ones). The estimate below takes
-# the low ends, so it never overstates a group's work; groups are filled until
-# it reaches GROUP_TARGET_SECONDS, 40 times the per-task cost; a smaller batch
-# gets smaller groups so every worker thread has several (the last groups then
-# finish together), but never below MIN_GROUP_SECONDS, 20 times the per-task
-# cost. Figures: docs/performance.md.
+# Group sizing. A task costs the scheduler and the client about 2 ms of CPU
+# and the worker as much again (docs/performance.md); a file costs a fixed part
+# (open, detect, create, rename: 2 to 4 ms for a small file) plus a part that
+# grows with its bytes (70 to 100 MB/s for uncompressed sources, far less for
+# compressed ones). The estimate below takes the low ends, so it never
+# overstates a group's work. Groups are filled until it reaches the target:
+# GROUP_TARGET_SECONDS (50 times a task's cost), or more on a large cluster,
+# where the one scheduler would otherwise become the limit: every worker
+# thread finishing a task each `target` seconds must keep the scheduler at
+# most a quarter busy. A small batch gets smaller groups, so every worker
+# thread has several (the last groups then finish together), but never below
+# MIN_GROUP_SECONDS (20 times a task's cost).
 GROUP_TARGET_SECONDS = 0.25
 MIN_GROUP_SECONDS = 0.1
+SCHEDULER_TASK_SECONDS = 0.0025
 FILE_SECONDS = 0.002
 BYTE_SECONDS = 1.0 / 100e6
 INFO_FILE_SECONDS = 0.0001     # a header read: 0.1 to 0.3 ms whatever the file's size
@@ -230,19 +233,26 @@ def plan(sources, to, *, type=None, prune_output=True):
     return jobs, refused, number
 
 
+def _group_seconds(threads):
+    """(smallest, largest) estimated work of a group for a cluster of `threads`."""
+    scheduler_bound = 4 * threads * SCHEDULER_TASK_SECONDS
+    return max(MIN_GROUP_SECONDS, scheduler_bound), max(GROUP_TARGET_SECONDS, scheduler_bound)
+
+
 def _groups(jobs, threads, *, files_per_group=None, file_seconds=FILE_SECONDS, byte_seconds=BYTE_SECONDS):
     """Splits jobs into consecutive groups (neighbouring files stay together),
-    each worth about GROUP_TARGET_SECONDS of work, with GROUPS_PER_THREAD
+    each worth about the target work (see above), with GROUPS_PER_THREAD
     groups a worker thread when there is enough work for groups of at least
-    MIN_GROUP_SECONDS."""
+    the smallest."""
     if not jobs:
         return []
     if files_per_group:
         n = max(1, int(files_per_group))
         return [jobs[i:i + n] for i in range(0, len(jobs), n)]
     cost = [file_seconds + j.size * byte_seconds for j in jobs]
-    balanced = sum(cost) / (GROUPS_PER_THREAD * max(threads, 1))
-    target = max(MIN_GROUP_SECONDS, min(GROUP_TARGET_SECONDS, balanced))
+    threads = max(threads, 1)
+    smallest, largest = _group_seconds(threads)
+    target = max(smallest, min(largest, sum(cost) / (GROUPS_PER_THREAD * threads)))
     groups, cur, acc = [], [], 0.0
     for j, c in zip(jobs, cost):
         cur.append(j)

@@ -160,18 +160,18 @@ def test_plan_keeps_folder_shape_and_refuses_what_it_cannot_name(archive, tmp_pa
 
 
 def test_groups_cover_every_file_in_order_and_weigh_enough():
-    jobs = [batch.Job(f"s{i}", f"o{i}", size=(i % 7) * 300_000) for i in range(3000)]
-    for threads in (1, 2, 100):
+    jobs = [batch.Job(f"s{i}", f"o{i}", size=(i % 7) * 300_000) for i in range(30000)]
+    one_file = batch.FILE_SECONDS + 6 * 300_000 * batch.BYTE_SECONDS
+    for threads in (1, 2, 100, 1000):
         groups = batch._groups(jobs, threads)
         assert [j for g in groups for j in g] == jobs
         cost = [sum(batch.FILE_SECONDS + j.size * batch.BYTE_SECONDS for j in g) for g in groups]
-        # every group but the last carries at least the minimum of work...
-        assert min(cost[:-1]) >= batch.MIN_GROUP_SECONDS
-        # ...and none much more than the target (one file's worth at most)
-        assert max(cost) < batch.GROUP_TARGET_SECONDS + batch.FILE_SECONDS + 6 * 300_000 * batch.BYTE_SECONDS
+        smallest, largest = batch._group_seconds(threads)
+        # a task's cost is a small part of every group's work but the last
+        assert min(cost[:-1]) >= smallest >= 20 * batch.SCHEDULER_TASK_SECONDS
+        assert max(cost) < largest + one_file
     # a small batch is spread so every thread has several groups
-    small = jobs[:400]
-    assert len(batch._groups(small, 2)) >= 2 * batch.GROUPS_PER_THREAD
+    assert len(batch._groups(jobs[:400], 2)) >= 2 * batch.GROUPS_PER_THREAD
     assert [len(g) for g in batch._groups(jobs[:10], 4, files_per_group=3)] == [3, 3, 3, 1]
 
 
