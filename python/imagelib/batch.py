@@ -221,6 +221,9 @@ def plan(sources, to, *, type=None, prune_output=True):
         if ext is not None:
             rel = os.path.splitext(rel)[0] + "." + ext
         out = os.path.normpath(os.path.join(to, rel))
+        if os.path.realpath(out) == os.path.realpath(src):
+            refused.append((src, out, STATUS_BADARG, "the output would replace its source"))
+            continue
         if out in owner:
             refused.append((src, out, STATUS_BADARG, f"output name also made from {owner[out]}"))
             continue
@@ -268,8 +271,9 @@ def _groups(jobs, threads, *, files_per_group=None, file_seconds=FILE_SECONDS, b
 # ---- the manifest --------------------------------------------------------------------------
 
 def read_manifest(path) -> dict:
-    """The last record of every (source, output) in a manifest; lines that do
-    not parse (the end of a batch killed while writing) are passed over."""
+    """{(source, output): bytes out} of the files a manifest lists as
+    converted, by their last record; lines that do not parse (the end of a
+    batch killed while writing) are passed over."""
     done = {}
     try:
         f = open(path, encoding="utf-8")
@@ -279,17 +283,20 @@ def read_manifest(path) -> dict:
         for line in f:
             try:
                 r = json.loads(line)
-                done[(r["source"], r["output"])] = r
+                key = (r["source"], r["output"])
             except (ValueError, KeyError, TypeError):
                 continue
+            if r.get("status") == STATUS_OK:
+                done[key] = r.get("bytesOut")
+            else:
+                done.pop(key, None)
     return done
 
 
-def _already_done(rec) -> bool:
-    if not rec or rec.get("status") != STATUS_OK:
-        return False
+def _already_done(output, bytes_out) -> bool:
+    """Whether an output the manifest lists is still there, as it was written."""
     try:
-        return os.stat(rec["output"]).st_size == rec.get("bytesOut")
+        return bytes_out is not None and os.stat(output).st_size == bytes_out
     except OSError:
         return False
 
@@ -523,7 +530,8 @@ def convert_files(sources, to, *, type=None, options=None, client=None, schedule
     previous = read_manifest(manifest) if manifest is not None else {}
     todo = []
     for j in jobs:
-        if _already_done(previous.get((j.source, j.output))):
+        key = (j.source, j.output)
+        if key in previous and _already_done(j.output, previous[key]):
             summary.skipped += 1
         else:
             todo.append(j)

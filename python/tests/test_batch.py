@@ -157,6 +157,9 @@ def test_plan_keeps_folder_shape_and_refuses_what_it_cannot_name(archive, tmp_pa
         inner.rmdir()
     with pytest.raises(ValueError):
         batch.plan([root], out, type=16)  # a type read only
+    # rewriting files in their own type into their own folder would replace them
+    jobs, refused, _ = batch.plan([files[0].parent], files[0].parent)
+    assert jobs == [] and [r[2] for r in refused] == [-126] * 6
 
 
 def test_groups_cover_every_file_in_order_and_weigh_enough():
@@ -179,16 +182,18 @@ def test_manifest_reading_passes_over_a_cut_line_and_resumes_on_a_fresh_one(tmp_
     m = tmp_path / "m.jsonl"
     out = tmp_path / "o.tga"
     out.write_bytes(b"x" * 10)
-    good = {"source": "/a", "output": str(out), "status": 0, "bytesOut": 10}
-    m.write_text(json.dumps(good) + "\n" + '{"source": "/b", "outp')
+    recs = [{"source": "/a", "output": str(out), "status": 0, "bytesOut": 10},
+            {"source": "/b", "output": "/b.tga", "status": 0, "bytesOut": 3},
+            {"source": "/b", "output": "/b.tga", "status": -154}]  # the last record of a file holds
+    m.write_text("".join(json.dumps(r) + "\n" for r in recs) + '{"source": "/c", "outp')
     done = batch.read_manifest(m)
-    assert list(done) == [("/a", str(out))] and batch._already_done(done[("/a", str(out))])
+    assert done == {("/a", str(out)): 10} and batch._already_done(str(out), 10)
     out.write_bytes(b"x" * 9)  # an output changed since: converted again
-    assert not batch._already_done(done[("/a", str(out))])
+    assert not batch._already_done(str(out), 10)
     w = batch._Manifest(m)
-    w.write({"source": "/c", "output": "/d", "status": -154})
+    w.write({"source": "/d", "output": "/e", "status": -154})
     w.close()
-    assert [r["source"] for r in _manifest_lines_parsed(m)] == ["/a", "/c"]
+    assert [r["source"] for r in _manifest_lines_parsed(m)] == ["/a", "/b", "/b", "/d"]
 
 
 def _manifest_lines_parsed(path):
