@@ -39,37 +39,28 @@ def _kill_group(proc):
     proc.wait()
 
 
-class Batch:
-    """`python3 -m imagelib.batch ARGS` in its own process group, killed with
-    everything it started when the test ends."""
-
-    def __init__(self, *args, cwd=None):
-        self.proc = subprocess.Popen([PYTHON, "-m", "imagelib.batch", *map(str, args)], env=_env(), cwd=cwd,
-                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                                     start_new_session=True)
-
-    def wait(self):
-        out, err = self.proc.communicate(timeout=TIMEOUT)
-        return self.proc.returncode, out, err
-
-    def kill(self):
-        _kill_group(self.proc)
-
-
 @pytest.fixture
 def batches():
+    """Starts `python3 -m imagelib.batch ARGS` in its own process group; every
+    one is killed with all it started when the test ends."""
     started = []
 
-    def start(*args, **kw):
-        b = Batch(*args, **kw)
-        started.append(b)
-        return b
+    def start(*args):
+        p = subprocess.Popen([PYTHON, "-m", "imagelib.batch", *map(str, args)], env=_env(), text=True,
+                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, start_new_session=True)
+        started.append(p)
+        return p
 
     try:
         yield start
     finally:
-        for b in started:
-            b.kill()
+        for p in started:
+            _kill_group(p)
+
+
+def _finish(proc):
+    out, err = proc.communicate(timeout=TIMEOUT)
+    return proc.returncode, out, err
 
 
 def _write_archive(root: pathlib.Path):
@@ -106,7 +97,14 @@ def archive(tmp_path_factory):
 
 
 def _manifest(path):
-    return [json.loads(line) for line in pathlib.Path(path).read_text().splitlines() if line.strip()]
+    """The records of a manifest, without a line cut short."""
+    recs = []
+    for line in pathlib.Path(path).read_text().splitlines():
+        try:
+            recs.append(json.loads(line))
+        except ValueError:
+            pass
+    return recs
 
 
 def _expected(cli, tmp_path, src, ext, *options):
@@ -193,17 +191,7 @@ def test_manifest_reading_passes_over_a_cut_line_and_resumes_on_a_fresh_one(tmp_
     w = batch._Manifest(m)
     w.write({"source": "/d", "output": "/e", "status": -154})
     w.close()
-    assert [r["source"] for r in _manifest_lines_parsed(m)] == ["/a", "/b", "/b", "/d"]
-
-
-def _manifest_lines_parsed(path):
-    recs = []
-    for line in pathlib.Path(path).read_text().splitlines():
-        try:
-            recs.append(json.loads(line))
-        except ValueError:
-            pass
-    return recs
+    assert [r["source"] for r in _manifest(m)] == ["/a", "/b", "/b", "/d"]
 
 
 # ---- local clusters --------------------------------------------------------------------------
@@ -211,8 +199,8 @@ def _manifest_lines_parsed(path):
 def test_local_cluster_writes_the_bytes_of_imagelib_convert_and_records_a_bad_file(archive, tmp_path, batches, cli):
     root, files, bad = archive
     out, man = tmp_path / "out", tmp_path / "m.jsonl"
-    code, stdout, stderr = batches(root / "good", bad, "--to", out, "--type", "28", "--size", "30x20",
-                                   "--mirror", "h", "--workers", "2", "--manifest", man).wait()
+    code, stdout, stderr = _finish(batches(root / "good", bad, "--to", out, "--type", "28", "--size", "30x20",
+                                           "--mirror", "h", "--workers", "2", "--manifest", man))
     assert code == 1, stderr
     assert "61 files: 60 converted, 1 failed" in stdout
     recs = {r["source"]: r for r in _manifest(man)}
@@ -244,18 +232,18 @@ def test_a_killed_batch_resumes_with_only_what_is_missing(archive, tmp_path, bat
     first = batches(*args)
     deadline = time.monotonic() + TIMEOUT
     while not (man.exists() and man.read_text().count("\n") >= 2):
-        assert first.proc.poll() is None, first.proc.communicate()
+        assert first.poll() is None, first.communicate()
         assert time.monotonic() < deadline
         time.sleep(0.01)
-    first.kill()
-    done = {r["source"]: r for r in _manifest_lines_parsed(man) if r.get("status") == 0}
+    _kill_group(first)
+    done = {r["source"]: r for r in _manifest(man) if r.get("status") == 0}
     assert 2 <= len(done) < len(files)  # stopped part-way
     before = {s: os.stat(r["output"]) for s, r in done.items()}
 
-    code, stdout, stderr = batches(*args).wait()
+    code, stdout, stderr = _finish(batches(*args))
     assert code == 0, stderr
     assert f"{len(done)} already done" in stdout
-    recs = _manifest_lines_parsed(man)
+    recs = _manifest(man)
     rerun = [r["source"] for r in recs[len(recs) - (len(files) - len(done)):]]
     assert sorted(rerun) == sorted(str(f) for f in files if str(f) not in done)
     for s, st in before.items():  # the files of the first run were left alone
@@ -360,8 +348,8 @@ def test_dask_scheduler_and_workers_run_the_batch(archive, tmp_path, batches, sc
     out, man = tmp_path / "out", tmp_path / "m.jsonl"
     pattern = str(root / "good" / "map[01]")  # folders matched by a pattern are searched too
     chosen = [f for f in files if f.parts[-3] in ("map0", "map1")]
-    code, stdout, stderr = batches(pattern, "--to", out, "--type", "tif", "--mode", "256", "--scheduler", address,
-                                   "--manifest", man, "--group", "4").wait()
+    code, stdout, stderr = _finish(batches(pattern, "--to", out, "--type", "tif", "--mode", "256",
+                                           "--scheduler", address, "--manifest", man, "--group", "4"))
     assert code == 0, stderr
     recs = {r["source"]: r for r in _manifest(man)}
     assert sorted(recs) == sorted(map(str, chosen))
