@@ -497,8 +497,12 @@ def _run(client, func, groups, kwargs, retries, progress, on_result, on_lost):
             if fut.status == "finished":
                 on_result(result)
             else:
-                on_lost(group, f"task failed: {type(result).__name__}: {result}" if isinstance(result, BaseException)
-                        else f"task failed: {fut.status}")
+                try:
+                    exc = fut.exception(timeout=10)
+                    text = f"task failed: {type(exc).__name__}: {exc}"
+                except Exception:
+                    text = f"task failed: {fut.status}"
+                on_lost(group, text)
     finally:
         bar.finish()
         client.cancel(futures)
@@ -566,9 +570,9 @@ def convert_files(sources, to, *, type=None, options=None, client=None, schedule
                         record(r)
 
                 def on_lost(group, text):
-                    for j in group:
-                        record({"source": j.source, "output": j.output, "status": STATUS_TASKLOST,
-                                "statusText": text, "bytesIn": j.size, "bytesOut": None, "seconds": 0.0,
+                    for source, output in group:
+                        record({"source": source, "output": output, "status": STATUS_TASKLOST,
+                                "statusText": text, "bytesIn": None, "bytesOut": None, "seconds": 0.0,
                                 "worker": None})
 
                 _run(client, _convert_group, [[(j.source, j.output) for j in g] for g in groups],

@@ -300,6 +300,23 @@ def test_a_worker_killed_during_a_batch_loses_no_file(archive, tmp_path, local_c
     assert all(r["status"] == 0 and os.path.getsize(r["output"]) == r["bytesOut"] for r in recs)
 
 
+def test_a_task_that_keeps_failing_is_recorded_and_the_batch_goes_on(archive, tmp_path, local_client, monkeypatch):
+    root, files, _ = archive
+    real = batch._convert_group
+    monkeypatch.setattr(batch, "_convert_group", lambda jobs, options, file_retries: (
+        1 / 0 if jobs[0][0].endswith("scan.bmp") else real(jobs, options, file_retries)))
+    s = batch.convert_files([root / "good"], tmp_path, type="tga", client=local_client, retries=1,
+                            manifest=tmp_path / "m.jsonl", files_per_group=1)
+    lost = [f for f in files if f.name == "scan.bmp"]
+    assert (s.converted, s.failed) == (len(files) - len(lost), len(lost))
+    for r in _manifest(tmp_path / "m.jsonl"):
+        if r["source"] in map(str, lost):
+            assert r["status"] == -1 and "ZeroDivisionError" in r["statusText"]
+            assert not os.path.exists(r["output"])
+        else:
+            assert r["status"] == 0
+
+
 # ---- a real scheduler with two workers -------------------------------------------------------
 
 @pytest.fixture(scope="module")
