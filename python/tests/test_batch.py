@@ -366,8 +366,9 @@ def test_dask_scheduler_and_workers_run_the_batch(archive, tmp_path, batches, sc
     pattern = str(root / "good" / "map[01]")  # folders matched by a pattern are searched too
     chosen = [f for f in files if f.parts[-3] in ("map0", "map1")]
     code, stdout, stderr = _finish(batches(pattern, "--to", out, "--type", "tif", "--mode", "256",
-                                           "--scheduler", address, "--manifest", man, "--group", "4"))
+                                           "--scheduler", address, "--manifest", man, "--group", "4", "--progress"))
     assert code == 0, stderr
+    assert "100% Completed" in stdout  # Dask's progress bar, asked for without a terminal
     recs = {r["source"]: r for r in _manifest(man)}
     assert sorted(recs) == sorted(map(str, chosen))
     assert {r["worker"] for r in recs.values()} <= workers
