@@ -221,6 +221,59 @@ IMAGELIB_API int korMovie_getFrameCount(int* frames, const char* path, int type)
 IMAGELIB_API int korImage_isAVIAvailable(void) IMAGELIB_NOEXCEPT;
 /* (end of movie) */
 
+/* ==== ingr blocks: Intergraph rasters a block at a time ==== */
+/* An Intergraph raster opened for reading by blocks: the tiles of a tiled
+   file, strips of lines of an untiled one. Pixels come out upright, as the
+   whole-image readers hand them out; a block of an untiled file with a
+   sequential coding (run-length, Group 4) decodes the file only as far as
+   that block. One reader serves one thread at a time. */
+typedef struct IngrBlockReader IngrBlockReader;
+
+typedef struct IngrRasterInfo {
+    ImageSize size;           /* the upright picture */
+    ImageSize blockSize;      /* blocks tile the picture from its top-left corner */
+    int32_t bands;            /* 1, or 3 (red, green, blue) */
+    int32_t colorMode;        /* ColorMode: 1 RGB, 3 palette, 4 grey, 5 bilevel (0 white, 1 black) */
+    int32_t dataType;         /* header data type code (65: tiled) */
+    int32_t tileDataType;     /* the tiles' data type code; 0 when untiled */
+    int32_t orientation;      /* scan-line orientation code as stored */
+    int32_t deviceResolution; /* as stored (signed 16 bits) */
+    int32_t colorTableType;   /* as stored */
+    int32_t colorCount;       /* palette entries: the table's, 2 for bilevel, 256 for grey */
+    uint8_t red[256], green[256], blue[256];
+    int32_t hasGeoTransform;  /* 0 when the matrix is all zero */
+    /* Model x = t[0] + t[1] col + t[2] row, y = t[3] + t[4] col + t[5] row
+       for the upright picture, col and row at pixel corners. */
+    double geoTransform[6];
+    double matrix[16];        /* the header matrix as stored, row-major */
+} IngrRasterInfo;
+
+/* Opens path and fills *info (may be null). Returns the reader, or null
+   with the status in *status (may be null): IMGERR_OPENFAILED,
+   IMGERR_UNSUPPORTEDTYPE (no Intergraph raster, or a coding not read),
+   IMGERR_BADFORMAT (tiles of run-length data), IMGERR_BADFILE,
+   IMGERR_NOMEMORY. */
+IMAGELIB_API IngrBlockReader* korImage_openIngrBlocks(int* status, IngrRasterInfo* info,
+                                                      const char* path) IMAGELIB_NOEXCEPT;
+
+/* Decodes block (column, row) into buffer: one plane a band, each
+   blockSize.x x blockSize.y bytes, rows top down; the part of an edge block
+   outside the picture is 0. IMGERR_BADARG for a block outside the grid,
+   IMGERR_BADFILE when the data do not decode, IMGERR_NOMEMORY. */
+IMAGELIB_API int korImage_readIngrBlock(IngrBlockReader* reader, int column, int row,
+                                        uint8_t* buffer) IMAGELIB_NOEXCEPT;
+
+/* Closes the file and frees the reader (null is allowed). */
+IMAGELIB_API int korImage_closeIngrBlocks(IngrBlockReader* reader) IMAGELIB_NOEXCEPT;
+
+/* Writes the header matrix of an Intergraph raster from a geotransform of
+   its upright picture (as IngrRasterInfo describes it), so that
+   korImage_openIngrBlocks gives the same geotransform back. IMGERR_BADARG,
+   IMGERR_OPENFAILED, IMGERR_BADFILE (no Intergraph raster),
+   IMGERR_WRITEFAILED. */
+IMAGELIB_API int korImage_setIngrGeoTransform(const double* geoTransform, const char* path) IMAGELIB_NOEXCEPT;
+/* (end of ingr blocks) */
+
 IMAGELIB_EXTERN_C_END
 
 #endif

@@ -450,6 +450,21 @@ struct KorFreeDeleter {
 
 }  // namespace
 
+int ingr_decodeStored(uint8_t* out, uint32_t pixels, uint32_t lines, bool rgb, int dataType, const uint8_t* data,
+                      size_t length, bool scannable, bool tile) noexcept {
+    Raster r{out, size_t(pixels) * (rgb ? 3 : 1), pixels, lines, rgb};
+    return decodeBlock(r, Block{0, 0, pixels, lines}, dataType, data, length, scannable, nullptr, !tile);
+}
+
+void ingr_fillStored(uint8_t* out, uint32_t pixels, uint32_t lines, bool rgb, uint32_t value, int dataType) noexcept {
+    Raster r{out, size_t(pixels) * (rgb ? 3 : 1), pixels, lines, rgb};
+    fillTile(r, Block{0, 0, pixels, lines}, value, dataType);
+}
+
+int ingr_readColourTable(File& file, const IngrHeader& h, uint8_t* red, uint8_t* green, uint8_t* blue) noexcept {
+    return readColourTable(file, h, red, green, blue);
+}
+
 int ingr_readImage(void** image, ImageSize* size, int* isRGB, uint8_t* red, uint8_t* green, uint8_t* blue,
                    int* count, int* colourMode, const char* path, StopFunction stop) noexcept {
     IngrHeader h;
@@ -592,6 +607,12 @@ bool cfgFlag(const char* name) {
 }
 
 }  // namespace
+
+int ingr_keepRegistration(const IngrHeader& h) noexcept {
+    char buf[64] = {};
+    if (korSystem_getCfgVar(buf, "KV_KEEP_REGISTRATION", int(sizeof buf)) == 0 && std::atoi(buf) != 0) return 1;
+    return isBinary(h.dataType, h.tileDataType) ? 1 : 0;
+}
 
 int ingr_extractAttach(double* origin, double* extent, int* orientation, uint32_t* words,
                        const char* path) noexcept {

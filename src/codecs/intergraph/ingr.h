@@ -76,6 +76,21 @@ int ingr_readPalette(uint8_t* red, uint8_t* green, uint8_t* blue, int* count, co
 int ingr_extractAttach(double* origin, double* extent, int* orientation, uint32_t* words,
                        const char* path) noexcept;
 
+// --- block access (ingr_blocks.cpp) ---------------------------------------------
+// Decodes stored data of one coding (2, 9, 24, 27, 28, 29) into pixels x
+// lines bytes, each line one plane (three for RGB: red, green, blue) of
+// `pixels` bytes; tile selects the rules of tiles. The first `lines` lines
+// of an untiled file decode from its data alone.
+int ingr_decodeStored(uint8_t* out, uint32_t pixels, uint32_t lines, bool rgb, int dataType, const uint8_t* data,
+                      size_t length, bool scannable, bool tile) noexcept;
+// A tile with no stored data, in the same layout, from its `used` word.
+void ingr_fillStored(uint8_t* out, uint32_t pixels, uint32_t lines, bool rgb, uint32_t value, int dataType) noexcept;
+// The palette of an 8-bit file with a colour table; entry count or a status.
+int ingr_readColourTable(il::File& file, const IngrHeader& h, uint8_t* red, uint8_t* green, uint8_t* blue) noexcept;
+// 1 when the matrix maps stored (pixel, line) as the file holds them
+// (binary data, or KV_KEEP_REGISTRATION), 0 when it maps the upright picture.
+int ingr_keepRegistration(const IngrHeader& h) noexcept;
+
 // --- writers -----------------------------------------------------------------
 int ingr_createCITFromBitMap(const char* path, const void* buffer, int runLength, const ImageSize* size,
                              StopFunction stop) noexcept;
