@@ -32,16 +32,19 @@ constexpr size_t kTileCacheBytes = size_t(64) << 20;
 // the right, bit 1 at the bottom. Other codes read as stored.
 struct Orientation {
     bool transposed = false, flipU = false, flipV = false;
+    bool negated = false;  // codes 1 and 2 map (-pixel, line) under keep registration
     explicit Orientation(int o) {
         if (o < 0 || o > 7) return;
         transposed = o < 4;
         flipU = o & 1;
         flipV = o & 2;
+        negated = o == 1 || o == 2;
     }
 };
 
 // Matrix input (a, b) = S (col, row) + t for the upright picture's corners:
-// with keep registration the stored (pixel, -line), otherwise the upright
+// with keep registration the stored (pixel, -line) (negated for codes 1
+// and 2, as the attach rules of those codes have it), otherwise the upright
 // offsets from the stored origin corner, x to the right and y upwards.
 struct InputMap {
     int s[2][2];
@@ -60,6 +63,11 @@ InputMap inputMap(const Orientation& o, bool keep, double wu, double hu) {
         m.s[0][1] = o.flipV ? -1 : 1, m.t[0] = o.flipV ? hu : 0;
         m.s[1][0] = o.flipU ? 1 : -1, m.t[1] = o.flipU ? -wu : 0;
     }
+    if (keep && o.negated)
+        for (int i = 0; i < 2; ++i) {
+            m.s[i][0] = -m.s[i][0], m.s[i][1] = -m.s[i][1];
+            m.t[i] = -m.t[i];
+        }
     return m;
 }
 
