@@ -102,6 +102,17 @@ void readEverything(const std::string& path, int type, const std::string& what) 
     }
     uint8_t bg[4];
     korImage_getImageBgColor(bg, path.c_str(), type);
+
+    // Intergraph rasters by blocks: every block, last first.
+    IngrRasterInfo ingr{};
+    if (IngrBlockReader* r = korImage_openIngrBlocks(&st, &ingr, path.c_str())) {
+        Bytes block(size_t(ingr.blockSize.x) * ingr.blockSize.y * ingr.bands);
+        const int cols = (ingr.size.x + ingr.blockSize.x - 1) / ingr.blockSize.x;
+        const int rows = (ingr.size.y + ingr.blockSize.y - 1) / ingr.blockSize.y;
+        for (int k = cols * rows - 1; k >= 0; --k)
+            if (korImage_readIngrBlock(r, k % cols, k / cols, block.data()) != 0) break;
+        korImage_closeIngrBlocks(r);
+    }
 }
 
 class HostileSweep : public ::testing::TestWithParam<std::string> {};
