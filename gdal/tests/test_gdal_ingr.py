@@ -247,3 +247,10 @@ def test_translate_to_ingr_reads_back_with_pixels_and_geotransform(kind, tmp_pat
         grey = expect[:, :, 0]  # grey source: its value is its grey level
         expect = np.repeat(np.where(grey < 128, 0, 255).astype(np.uint8)[:, :, None], 3, axis=2)
     assert np.array_equal(read_pam(pam), expect)
+
+
+def test_the_driver_is_ours_and_gdal_has_none_of_its_own():
+    assert gdal.GetDriverByName("INGR").LongName == "Intergraph Raster (imagelib)"
+    env = {k: v for k, v in os.environ.items() if k != "GDAL_DRIVER_PATH"}
+    formats = subprocess.run(["gdalinfo", "--formats"], env=env, check=True, capture_output=True, text=True).stdout
+    assert all("(imagelib)" in line for line in formats.splitlines() if line.split()[:1] == ["INGR"])

@@ -148,12 +148,14 @@ int decodePrefix(IngrBlockReader& r, uint32_t lines) {
         if (!r.file.seek(r.h.headerLength) || !r.file.read(r.data.get(), size_t(r.dataLen))) return IMGERR_BADFILE;
     }
     const uint32_t want = std::max(lines, uint32_t(std::min<uint64_t>(r.H, uint64_t(r.prefixLines) * 2)));
-    Scratch<uint8_t> next(lineBytes(r, r.W) * want, il::tag("IGpf"), true);
-    if (!next.ok()) return IMGERR_NOMEMORY;
-    if (int st = ingr_decodeStored(next.get(), r.W, want, r.rgb, r.dt, r.data.get(), size_t(r.dataLen),
+    // Decoded again from the first line: the old prefix goes first, so that
+    // the peak stays at one prefix.
+    r.prefix.reset();
+    r.prefixLines = 0;
+    if (!r.prefix.allocate(lineBytes(r, r.W) * want, il::tag("IGpf"), true)) return IMGERR_NOMEMORY;
+    if (int st = ingr_decodeStored(r.prefix.get(), r.W, want, r.rgb, r.dt, r.data.get(), size_t(r.dataLen),
                                    r.h.scannable != 0, false))
         return st;
-    r.prefix = std::move(next);
     r.prefixLines = want;
     return 0;
 }
