@@ -174,8 +174,12 @@ GDALDataset* INGRDataset::CreateCopy(const char* path, GDALDataset* src, int, ch
     }
     GDALColorTable* table = bands == 1 ? src->GetRasterBand(1)->GetColorTable() : nullptr;
     if (table && table->GetColorEntryCount() > 256) table = nullptr;
+    // A one-bit band without a table holds 0 black and 1 white.
+    const char* nbits = bands == 1 ? src->GetRasterBand(1)->GetMetadataItem("NBITS", "IMAGE_STRUCTURE") : nullptr;
+    const bool oneBit = !table && nbits && std::strcmp(nbits, "1") == 0;
     std::string type = CSLFetchNameValueDef(options, "TYPE", "");
-    if (type.empty()) type = bands == 3 ? "rgb" : table && table->GetColorEntryCount() == 2 ? "cit" : "cot";
+    if (type.empty())
+        type = bands == 3 ? "rgb" : oneBit || (table && table->GetColorEntryCount() == 2) ? "cit" : "cot";
     for (char& c : type) c = char(std::tolower(static_cast<unsigned char>(c)));
     if (type != "cit" && type != "cot" && type != "rle" && type != "rgb") {
         CPLError(CE_Failure, CPLE_IllegalArg, "INGR: TYPE=%s is none of cit, cot, rle, rgb", type.c_str());
@@ -195,7 +199,11 @@ GDALDataset* INGRDataset::CreateCopy(const char* path, GDALDataset* src, int, ch
             const GDALColorEntry* e = table->GetColorEntry(i);
             red[i] = uint8_t(e->c1), green[i] = uint8_t(e->c2), blue[i] = uint8_t(e->c3);
         }
+    } else if (oneBit) {
+        red[1] = green[1] = blue[1] = 255;
+        count = 2;
     }
+    const bool palette = table || oneBit;
     const ImageSize size{w, h};
     std::vector<uint8_t> rows;  // the source's rows as needed: planes a row
     auto readRows = [&](int y0, int n) -> bool {
@@ -242,7 +250,7 @@ GDALDataset* INGRDataset::CreateCopy(const char* path, GDALDataset* src, int, ch
                             grey = greyOf(rows[at], rows[at + w], rows[at + 2 * size_t(w)]);
                         } else {
                             const uint8_t v = rows[at];
-                            grey = table ? greyOf(red[v], green[v], blue[v]) : v;
+                            grey = palette ? greyOf(red[v], green[v], blue[v]) : v;
                         }
                         map[size_t(y) * w + x] = grey < 128 ? 1 : 0;
                     }
@@ -252,7 +260,7 @@ GDALDataset* INGRDataset::CreateCopy(const char* path, GDALDataset* src, int, ch
             } else if (st == 0 && bands == 3) {
                 st = korImage_createFileFromRGB(path, 17, COLORMODE_PALETTE256, &size, rows.data(), nullptr);
             } else if (st == 0) {
-                st = korImage_createFileFromMap(path, 17, table ? COLORMODE_PALETTE256 : COLORMODE_GREY, &size,
+                st = korImage_createFileFromMap(path, 17, palette ? COLORMODE_PALETTE256 : COLORMODE_GREY, &size,
                                                 rows.data(), red, green, blue, count, nullptr);
             }
         }

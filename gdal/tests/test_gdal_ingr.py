@@ -254,3 +254,15 @@ def test_the_driver_is_ours_and_gdal_has_none_of_its_own():
     env = {k: v for k, v in os.environ.items() if k != "GDAL_DRIVER_PATH"}
     formats = subprocess.run(["gdalinfo", "--formats"], env=env, check=True, capture_output=True, text=True).stdout
     assert all("(imagelib)" in line for line in formats.splitlines() if line.split()[:1] == ["INGR"])
+
+
+def test_one_bit_source_without_table_writes_cit_with_zero_black(tmp_path):
+    src, out, pam = str(tmp_path / "bits.tif"), str(tmp_path / "bits.int"), str(tmp_path / "bits.pam")
+    bits = picture(1, True)[0]
+    ds = gdal.GetDriverByName("GTiff").Create(src, W, H, 1, gdal.GDT_Byte, ["NBITS=1"])
+    ds.GetRasterBand(1).WriteArray(bits)
+    ds = None
+    subprocess.run(["gdal_translate", "-q", "-of", "INGR", src, out], check=True)
+    assert gdal.Open(out).GetMetadataItem("DATA_TYPE") == "24"
+    subprocess.run([CLI, "convert", out, pam], check=True, capture_output=True)
+    assert np.array_equal(read_pam(pam)[:, :, 0], bits * 255)
