@@ -1,0 +1,234 @@
+// imagelib convert --stream: one row at a time from the library's row
+// reader to its row writer (or a PPM/PAM file), in memory that does not grow
+// with the height of the image.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+#include "image.h"
+#include "output.h"
+
+namespace cli {
+
+namespace {
+
+// File types the streaming layer reads row by row (Intergraph RGB, Targa,
+// TIFF and GeoTIFF).
+bool rowReadable(int type) { return type == 0 || type == 1 || type == 2 || type == 3 || type == 29; }
+
+struct ContextCloser {
+    void operator()(ImageFileContext* c) const { korImage_closeFile(c); }
+};
+using Context = std::unique_ptr<ImageFileContext, ContextCloser>;
+
+struct FileCloser {
+    void operator()(std::FILE* f) const { std::fclose(f); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+// The place rows go: the library's row writer, or a binary PPM (P6) or PAM
+// (P7) written here, whose rows run top to bottom.
+class RowSink {
+public:
+    // 0, or a status; IMGSTAT_NO_HANDLER when the type has no row writer.
+    int create(const std::string& path, bool pnm, int type, ImageSize size, bool alpha) {
+        size_ = size;
+        if (!pnm) {
+            int st = 0;
+            ctx_.reset(korImage_createFile(&st, path.c_str(), nullptr, &size, type, alpha ? COLORMODE_RGBA : COLORMODE_RGB));
+            if (!ctx_) return st ? st : IMGERR_WRITEFAILED;
+            int a = 0;
+            imagelib_getFileLayout(ctx_.get(), &orientation_, &a);
+            alpha_ = a != 0;
+            return 0;
+        }
+        file_.reset(std::fopen(path.c_str(), "wb"));
+        if (!file_) return IMGERR_OPENFAILED;
+        alpha_ = alpha;
+        const std::string ext = path.substr(path.find_last_of('.') + 1);
+        bool pam = ext.size() == 3 && std::tolower(ext[0]) == 'p' && std::tolower(ext[1]) == 'a' &&
+                   std::tolower(ext[2]) == 'm';
+        alpha_ = pam && alpha;
+        if (pam)
+            std::fprintf(file_.get(), "P7\nWIDTH %d\nHEIGHT %d\nDEPTH %d\nMAXVAL 255\nTUPLTYPE %s\nENDHDR\n", size.x,
+                         size.y, alpha_ ? 4 : 3, alpha_ ? "RGB_ALPHA" : "RGB");
+        else
+            std::fprintf(file_.get(), "P6\n%d %d\n255\n", size.x, size.y);
+        line_.resize(size_t(size.x) * 4);
+        return std::ferror(file_.get()) ? IMGERR_WRITEFAILED : 0;
+    }
+
+    int orientation() const { return orientation_; }
+
+    int put(uint8_t* const* planes) {
+        if (ctx_) {
+            const int st = korImage_putRow(ctx_.get(), planes[0], planes[1], planes[2], planes[3]);
+            return st > 0 ? IMGERR_WRITEFAILED : st;  // short writes are positive for some types
+        }
+        const size_t w = size_t(size_.x), n = alpha_ ? 4 : 3;
+        uint8_t* p = line_.data();
+        for (size_t x = 0; x < w; ++x)
+            for (size_t c = 0; c < n; ++c) *p++ = planes[c][x];
+        return std::fwrite(line_.data(), 1, w * n, file_.get()) == w * n ? 0 : IMGERR_WRITEFAILED;
+    }
+
+    int close() {
+        int st = 0;
+        if (ctx_) {
+            st = korImage_closeFile(ctx_.release());
+            if (st > 0) st = IMGERR_WRITEFAILED;
+        }
+        if (file_ && std::fclose(file_.release()) != 0) st = IMGERR_WRITEFAILED;
+        return st;
+    }
+
+private:
+    Context ctx_;
+    FilePtr file_;
+    ImageSize size_{};
+    int orientation_ = 0;  // the library writer's (PNM: top to bottom)
+    bool alpha_ = false;
+    std::vector<uint8_t> line_;
+};
+
+// Rows kept on disk when the reader hands them out in the opposite order to
+// the one the writer takes: written once in reading order beside the
+// output, read back from the last. The file is unlinked at once.
+class RowSpool {
+public:
+    int open(const std::string& besides, size_t rowBytes) {
+        std::string name = besides + ".rowsXXXXXX";
+        const int fd = ::mkstemp(name.data());
+        if (fd < 0) return IMGERR_OPENFAILED;
+        ::unlink(name.c_str());
+        fd_ = fd;
+        rowBytes_ = rowBytes;
+        return 0;
+    }
+    ~RowSpool() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    int write(const uint8_t* row) { return full(::write(fd_, row, rowBytes_)) ? 0 : IMGERR_WRITEFAILED; }
+    int read(int y, uint8_t* row) const {
+        return full(::pread(fd_, row, rowBytes_, off_t(rowBytes_) * y)) ? 0 : IMGERR_READFAILED;
+    }
+
+private:
+    bool full(ssize_t n) const { return n >= 0 && size_t(n) == rowBytes_; }
+    int fd_ = -1;
+    size_t rowBytes_ = 0;
+};
+
+bool streamOption(const std::string& a) { return a == "--stream"; }
+bool streamOptionWithValue(const std::string& a) { return a == "--type" || a == "--mode"; }
+
+void reverse(uint8_t* const* planes, int n, int width) {
+    for (int p = 0; p < n; ++p) std::reverse(planes[p], planes[p] + width);
+}
+
+}  // namespace
+
+int convertStream(const Args& args, const std::string& in, const std::string& out, int type, int mode) {
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        if (streamOptionWithValue(a)) ++i;
+        else if (!streamOption(a) && !a.empty() && a[0] == '-' && a.size() > 1)
+            return usage("convert: --stream takes only --type and --mode (rgb or rgba), not '" + a + "'");
+    }
+    if (mode >= 0 && mode != COLORMODE_RGB && mode != COLORMODE_RGBA)
+        return usage("convert: --stream writes rgb or rgba rows");
+    const bool pnm = type < 0;
+    if (pnm && !(out.size() > 4 && (out.compare(out.size() - 4, 4, ".ppm") == 0 ||
+                                     out.compare(out.size() - 4, 4, ".pnm") == 0 ||
+                                     out.compare(out.size() - 4, 4, ".pam") == 0)))
+        return usage("convert: --stream writes PPM or PAM, not PGM or PBM");
+
+    int st = 0;
+    Context reader(korImage_openFile(&st, nullptr, in.c_str()));
+    if (!reader) {
+        const int inType = fileTypeOf(in);
+        if (::access(in.c_str(), R_OK) == 0 && !rowReadable(inType)) {
+            char ext[16] = "?";
+            if (inType >= 0) korImage_getExtension(ext, inType);
+            return usage("convert: " + in + ": " + ext +
+                         " files have no row reader; convert them without --stream");
+        }
+        return failure(in, readerStatus(st ? st : IMGERR_BADFILE, in));
+    }
+    ImageSize size{};
+    int readOrientation = 0, alpha = 0;
+    korImage_getImageSize(&size, reader.get());
+    imagelib_getFileLayout(reader.get(), &readOrientation, &alpha);
+    const bool writeAlpha = alpha && (mode == COLORMODE_RGBA || (mode < 0 && (pnm || korImage_alphaExportSupported(type))));
+
+    OutputFile file(out);
+    if ((st = file.open()) != 0) return failure(out, st);
+    RowSink sink;
+    if ((st = sink.create(file.path(), pnm, type, size, writeAlpha)) != 0) {
+        if (st == IMGSTAT_NO_HANDLER) {
+            char ext[16] = "?";
+            korImage_getExtension(ext, type);
+            return usage("convert: " + std::string(ext) + " files (type " + std::to_string(type) +
+                         ") have no row writer; convert without --stream");
+        }
+        return failure(out, st > 0 ? IMGERR_OPENFAILED : st);
+    }
+
+    // Rows the reader hands out right to left are turned; rows in the
+    // opposite vertical order to the writer's go through the spool.
+    const int width = size.x, height = size.y;
+    const bool flip = (readOrientation & 2) != (sink.orientation() & 2);
+    const bool turn = (readOrientation & 1) != (sink.orientation() & 1);
+    std::vector<uint8_t> row(size_t(width) * 4);
+    uint8_t* const planes[4] = {row.data(), row.data() + width, row.data() + 2 * size_t(width),
+                                row.data() + 3 * size_t(width)};
+    const size_t rowBytes = size_t(width) * (alpha ? 4 : 3);
+    RowSpool spool;
+    if (flip && (st = spool.open(file.path(), rowBytes)) != 0) return failure(out, st);
+    if (!alpha) std::memset(planes[3], 255, size_t(width));
+
+    const StopFunction stop = progressFunction();
+    const int total = flip ? 2 * height : height;
+    int done = 0;
+    std::string failed = in;
+    for (int y = 0; y < height && st == 0; ++y) {
+        if (stop(total, done++)) {
+            st = IMGERR_STOPPED;
+            break;
+        }
+        if ((st = korImage_getRow(reader.get(), planes[0], planes[1], planes[2], alpha ? planes[3] : nullptr)) != 0) {
+            st = readerStatus(st, in);
+            break;
+        }
+        if (turn) reverse(planes, alpha ? 4 : 3, width);
+        failed = out;
+        st = flip ? spool.write(row.data()) : sink.put(planes);
+        failed = in;
+    }
+    if (flip) {
+        failed = out;
+        for (int y = height - 1; y >= 0 && st == 0; --y) {
+            if (stop(total, done++)) st = IMGERR_STOPPED;
+            else if ((st = spool.read(y, row.data())) == 0) st = sink.put(planes);
+        }
+    }
+    reader.reset();
+    const int closed = sink.close();
+    progressDone();
+    if (st == IMGERR_STOPPED) failed = out;
+    if (st == 0 && closed != 0) {
+        st = closed;
+        failed = out;
+    }
+    if (st == 0) st = file.commit();
+    return st == 0 ? kOk : failure(failed, st);
+}
+
+}  // namespace cli
