@@ -129,10 +129,6 @@ private:
 bool streamOption(const std::string& a) { return a == "--stream"; }
 bool streamOptionWithValue(const std::string& a) { return a == "--type" || a == "--mode"; }
 
-void reverse(uint8_t* const* planes, int n, int width) {
-    for (int p = 0; p < n; ++p) std::reverse(planes[p], planes[p] + width);
-}
-
 }  // namespace
 
 int convertStream(const Args& args, const std::string& in, const std::string& out, int type, int mode) {
@@ -181,11 +177,12 @@ int convertStream(const Args& args, const std::string& in, const std::string& ou
         return failure(out, st > 0 ? IMGERR_OPENFAILED : st);
     }
 
-    // Rows the reader hands out right to left are turned; rows in the
-    // opposite vertical order to the writer's go through the spool.
+    // Rows in the opposite vertical order to the writer's go through the
+    // spool. Only rows stored bottom-up from the left count as bottom-up,
+    // as for the whole-image readers (a right-hand origin keeps the stored
+    // order).
     const int width = size.x, height = size.y;
-    const bool flip = (readOrientation & 2) != (sink.orientation() & 2);
-    const bool turn = (readOrientation & 1) != (sink.orientation() & 1);
+    const bool flip = ((readOrientation & 3) == 2) != ((sink.orientation() & 3) == 2);
     std::vector<uint8_t> row(size_t(width) * 4);
     uint8_t* const planes[4] = {row.data(), row.data() + width, row.data() + 2 * size_t(width),
                                 row.data() + 3 * size_t(width)};
@@ -207,10 +204,7 @@ int convertStream(const Args& args, const std::string& in, const std::string& ou
             st = readerStatus(st, in);
             break;
         }
-        if (turn) reverse(planes, alpha ? 4 : 3, width);
-        failed = out;
-        st = flip ? spool.write(row.data()) : sink.put(planes);
-        failed = in;
+        if ((st = flip ? spool.write(row.data()) : sink.put(planes)) != 0) failed = out;
     }
     if (flip) {
         failed = out;
