@@ -72,12 +72,23 @@ TEST_F(BatchCli, StreamEqualsWholeImageConversion) {
         sources.push_back(d.file("origin" + std::to_string(origin) + ".tga"));
         ASSERT_TRUE(iltest::writeFile(sources.back(), targa(5, 3, origin)));
     }
-    for (const char* f : {"rgb_tl_rle", "rgba_bl_raw", "p_bl_rle", "la_tl_raw"})
+    for (const char* f : {"rgb_tl_rle", "rgba_bl_raw", "p_bl_rle"})
         sources.push_back(corpus(std::string("tga/common/200x32_") + f + ".tga"));
     sources.push_back(corpus("tif/hopper_lzw.tif"));
     sources.push_back(corpus("tif/hopper_gray_4bpp.tif"));
     ASSERT_EQ(cli("convert " + corpus("png/hopper.png") + " " + d.file("ingr.rgb")), 0);
     sources.push_back(d.file("ingr.rgb"));
+    // PNM rows read by the CLI, 8 and 16 bits a sample.
+    for (const char* pnm : {"in.ppm", "in.pgm"}) {
+        ASSERT_EQ(cli("convert " + corpus("png/hopper.png") + " " + d.file(pnm)), 0);
+        sources.push_back(d.file(pnm));
+    }
+    ASSERT_EQ(cli("convert " + corpus("tga/common/200x32_rgba_tl_rle.tga") + " " + d.file("in-rgba.pam")), 0);
+    sources.push_back(d.file("in-rgba.pam"));
+    std::string wide = "P6\n3 2\n1000\n";
+    for (int i = 0; i < 18; ++i) wide += {char((i * 55) >> 8), char(i * 55)};
+    ASSERT_TRUE(iltest::writeFile(d.file("wide.ppm"), wide));
+    sources.push_back(d.file("wide.ppm"));
 
     struct Out {
         const char* ext;
@@ -87,17 +98,23 @@ TEST_F(BatchCli, StreamEqualsWholeImageConversion) {
     const Out outs[] = {{"bmp", false, true}, {"tif", false, true}, {"tga", true, true},
                         {"rgb", true, true},  {"pam", true, true},  {"pct", true, false}};
     for (const std::string& src : sources) {
+        // An RGB picture written in RGB by a lossless writer reads back as the
+        // source; pictures with alpha go as the whole-image conversion takes
+        // them (without alpha into BMP and Intergraph RGB).
+        const bool alpha = src.find("rgba") != std::string::npos;
+        const Bytes source = decoded(src);
         for (const Out& o : outs) {
             SCOPED_TRACE(src + " -> " + o.ext);
             const std::string whole = d.file(std::string("whole.") + o.ext), streamed = d.file(std::string("streamed.") + o.ext);
-            // Rows stream as RGB (RGBA with alpha): the whole-image writer in the same mode.
-            ASSERT_EQ(cli("convert " + src + " " + whole + (src.find("rgba") == std::string::npos ? " --mode rgb" : "")), 0);
             ASSERT_EQ(cli("convert --stream " + src + " " + streamed), 0);
+            if (o.sameBytes || alpha) {
+                ASSERT_EQ(cli("convert " + src + " " + whole + (alpha ? "" : " --mode rgb")), 0);
+            }
             if (o.sameBytes) {
                 EXPECT_EQ(iltest::readFile(streamed), iltest::readFile(whole));
             }
             if (o.readable) {
-                EXPECT_EQ(decoded(streamed), decoded(whole));
+                EXPECT_EQ(decoded(streamed), alpha ? decoded(whole) : source);
             }
         }
     }

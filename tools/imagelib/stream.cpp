@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -98,6 +99,124 @@ private:
     std::vector<uint8_t> line_;
 };
 
+// Where rows come from: the library's row reader, or a binary PGM, PPM or
+// PAM file read here (rows top to bottom, samples scaled to 0..255 as the
+// whole-image PNM reader scales them).
+class RowSource {
+public:
+    // 0, a status, or IMGSTAT_NO_HANDLER when the file has no row reader.
+    int open(const std::string& path) {
+        if (!isPnmFile(path)) {
+            int st = 0;
+            ctx_.reset(korImage_openFile(&st, nullptr, path.c_str()));
+            if (!ctx_) {
+                const bool readable = ::access(path.c_str(), R_OK) == 0;
+                if (readable && !rowReadable(fileTypeOf(path))) return IMGSTAT_NO_HANDLER;
+                return readerStatus(st ? st : IMGERR_BADFILE, path);
+            }
+            int a = 0;
+            korImage_getImageSize(&size_, ctx_.get());
+            imagelib_getFileLayout(ctx_.get(), &orientation_, &a);
+            alpha_ = a != 0;
+            return 0;
+        }
+        file_.reset(std::fopen(path.c_str(), "rb"));
+        if (!file_) return IMGERR_OPENFAILED;
+        return pnmHeader();
+    }
+
+    ImageSize size() const { return size_; }
+    int orientation() const { return orientation_; }
+    bool alpha() const { return alpha_; }
+
+    // The next row into the planes (alpha only when the file has it).
+    int get(uint8_t* const* planes) {
+        if (ctx_) return korImage_getRow(ctx_.get(), planes[0], planes[1], planes[2], alpha_ ? planes[3] : nullptr);
+        const size_t w = size_t(size_.x), bytes = w * depth_ * (maxval_ > 255 ? 2 : 1);
+        if (std::fread(line_.data(), 1, bytes, file_.get()) != bytes) return IMGERR_READFAILED;
+        const uint8_t* p = line_.data();
+        uint8_t px[4];
+        for (size_t x = 0; x < w; ++x) {
+            for (int c = 0; c < depth_; ++c) {
+                long raw = maxval_ > 255 ? (p[0] << 8) | p[1] : p[0];
+                p += maxval_ > 255 ? 2 : 1;
+                if (raw > maxval_) raw = maxval_;
+                px[c] = uint8_t((raw * 255 + maxval_ / 2) / maxval_);
+            }
+            const bool grey = depth_ <= 2;
+            planes[0][x] = px[0];
+            planes[1][x] = grey ? px[0] : px[1];
+            planes[2][x] = grey ? px[0] : px[2];
+            if (alpha_) planes[3][x] = px[depth_ - 1];
+        }
+        return 0;
+    }
+
+private:
+    // One header token (white space and comments skipped).
+    bool token(std::string& t) {
+        t.clear();
+        int c;
+        do {
+            c = std::fgetc(file_.get());
+            if (c == '#')
+                while (c != '\n' && c != EOF) c = std::fgetc(file_.get());
+        } while (c != EOF && std::isspace(c));
+        while (c != EOF && !std::isspace(c) && t.size() < 64) {
+            t += char(c);
+            c = std::fgetc(file_.get());
+        }
+        return !t.empty();
+    }
+    bool number(long& v) {
+        std::string t;
+        if (!token(t)) return false;
+        char* end;
+        v = std::strtol(t.c_str(), &end, 10);
+        return *end == 0 && v >= 0;
+    }
+    int pnmHeader() {
+        std::string magic, key;
+        long w = 0, h = 0, depth = 0, maxval = 0;
+        if (!token(magic)) return IMGERR_BADFILE;
+        if (magic == "P7") {
+            while (token(key) && key != "ENDHDR") {
+                if (key == "TUPLTYPE") {
+                    if (!token(key)) return IMGERR_BADFILE;
+                    continue;
+                }
+                long* field = key == "WIDTH" ? &w : key == "HEIGHT" ? &h : key == "DEPTH" ? &depth
+                             : key == "MAXVAL" ? &maxval : nullptr;
+                if (!field || !number(*field)) return IMGERR_BADFILE;
+            }
+            if (key != "ENDHDR") return IMGERR_BADFILE;
+            if (depth < 1 || depth > 4) return IMGERR_BADFORMAT;
+        } else if (magic == "P5" || magic == "P6") {
+            if (!number(w) || !number(h) || !number(maxval)) return IMGERR_BADFILE;
+            depth = magic == "P6" ? 3 : 1;
+        } else {
+            return IMGSTAT_NO_HANDLER;  // plain and bit PNM: read whole
+        }
+        if (w <= 0 || h <= 0 || w > 0x7FFFFFFF / 8 || h > 0x7FFFFFFF || maxval < 1 || maxval > 65535)
+            return IMGERR_BADFILE;
+        size_ = {int32_t(w), int32_t(h)};
+        depth_ = int(depth);
+        maxval_ = maxval;
+        alpha_ = depth == 2 || depth == 4;
+        line_.resize(size_t(w) * size_t(depth) * 2);
+        return 0;
+    }
+
+    Context ctx_;
+    FilePtr file_;
+    ImageSize size_{};
+    int orientation_ = 0;
+    bool alpha_ = false;
+    int depth_ = 0;
+    long maxval_ = 255;
+    std::vector<uint8_t> line_;
+};
+
 // Rows kept on disk when the reader hands them out in the opposite order to
 // the one the writer takes: written once in reading order beside the
 // output, read back from the last. The file is unlinked at once.
@@ -147,21 +266,17 @@ int convertStream(const Args& args, const std::string& in, const std::string& ou
         return usage("convert: --stream writes PPM or PAM, not PGM or PBM");
 
     int st = 0;
-    Context reader(korImage_openFile(&st, nullptr, in.c_str()));
-    if (!reader) {
+    RowSource reader;
+    if ((st = reader.open(in)) != 0) {
+        if (st != IMGSTAT_NO_HANDLER) return failure(in, st);
         const int inType = fileTypeOf(in);
-        if (::access(in.c_str(), R_OK) == 0 && !rowReadable(inType)) {
-            char ext[16] = "?";
-            if (inType >= 0) korImage_getExtension(ext, inType);
-            return usage("convert: " + in + ": " + ext +
-                         " files have no row reader; convert them without --stream");
-        }
-        return failure(in, readerStatus(st ? st : IMGERR_BADFILE, in));
+        char ext[16] = "plain PNM";
+        if (inType >= 0) korImage_getExtension(ext, inType);
+        return usage("convert: " + in + ": " + ext + " files have no row reader; convert them without --stream");
     }
-    ImageSize size{};
-    int readOrientation = 0, alpha = 0;
-    korImage_getImageSize(&size, reader.get());
-    imagelib_getFileLayout(reader.get(), &readOrientation, &alpha);
+    const ImageSize size = reader.size();
+    const int readOrientation = reader.orientation();
+    const bool alpha = reader.alpha();
     const bool writeAlpha = alpha && (mode == COLORMODE_RGBA || (mode < 0 && (pnm || korImage_alphaExportSupported(type))));
 
     OutputFile file(out);
@@ -200,7 +315,7 @@ int convertStream(const Args& args, const std::string& in, const std::string& ou
             st = IMGERR_STOPPED;
             break;
         }
-        if ((st = korImage_getRow(reader.get(), planes[0], planes[1], planes[2], alpha ? planes[3] : nullptr)) != 0) {
+        if ((st = reader.get(planes)) != 0) {
             st = readerStatus(st, in);
             break;
         }
@@ -213,7 +328,6 @@ int convertStream(const Args& args, const std::string& in, const std::string& ou
             else if ((st = spool.read(y, row.data())) == 0) st = sink.put(planes);
         }
     }
-    reader.reset();
     const int closed = sink.close();
     progressDone();
     if (st == IMGERR_STOPPED) failed = out;
