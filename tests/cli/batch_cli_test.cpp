@@ -76,6 +76,9 @@ TEST_F(BatchCli, StreamEqualsWholeImageConversion) {
         sources.push_back(corpus(std::string("tga/common/200x32_") + f + ".tga"));
     sources.push_back(corpus("tif/hopper_lzw.tif"));
     sources.push_back(corpus("tif/hopper_gray_4bpp.tif"));
+    // Tiled: bands of tiles, partial tiles at the right and bottom edges.
+    for (const char* f : {"tiled_rgb_edges.tif", "tiled_bilevel_g4.tif"})
+        sources.push_back(std::string(IMAGELIB_SEED_DIR) + "/tiff/" + f);
     ASSERT_EQ(cli("convert " + corpus("png/hopper.png") + " " + d.file("ingr.rgb")), 0);
     sources.push_back(d.file("ingr.rgb"));
     // PNM rows read by the CLI, 8 and 16 bits a sample.

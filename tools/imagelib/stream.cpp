@@ -322,7 +322,7 @@ int convertStream(const Args& args, const std::string& in, const std::string& ou
         if ((st = flip ? spool.write(row.data()) : sink.put(planes)) != 0) failed = out;
     }
     if (flip) {
-        failed = out;
+        if (st == 0) failed = out;
         for (int y = height - 1; y >= 0 && st == 0; --y) {
             if (stop(total, done++)) st = IMGERR_STOPPED;
             else if ((st = spool.read(y, row.data())) == 0) st = sink.put(planes);
