@@ -50,7 +50,8 @@ thread_local bool g_showProgress = true;
 // The CLI's stop function: a stop once an interrupt has come, else the bar.
 int drawProgress(int total, int done) {
     if (interrupted()) return 1;
-    if (total <= 0 || !g_showProgress || !::isatty(2)) return 0;
+    static const bool terminal = ::isatty(2);
+    if (total <= 0 || !g_showProgress || !terminal) return 0;
     int percent = int(int64_t(done) * 100 / total);
     if (percent == g_lastPercent) return 0;
     g_lastPercent = percent;
