@@ -20,8 +20,8 @@ while [ "$i" -lt "$files" ]; do
 done
 echo "load average: $(cut -d' ' -f1-3 /proc/loadavg)"
 hyperfine -w 1 -r 7 -N \
-    -n "-j 1" "$cli convert -j 1 $inputs --to $work/out1 --type 28" \
-    -n "-j 2" "$cli convert -j 2 $inputs --to $work/out2 --type 28"
+    -n "one thread (-j 1)" "$cli convert -j 1 $inputs --to $work/out1 --type 28" \
+    -n "two threads (-j 2)" "$cli convert -j 2 $inputs --to $work/out2 --type 28"
 echo "load average: $(cut -d' ' -f1-3 /proc/loadavg)"
 for j in 1 2; do
     /usr/bin/time -f "-j $j: %e s wall, %U s user, %S s system, CPU %P" \
