@@ -35,4 +35,12 @@ int cmdConvert(const Args& args);
 int cmdDemo(const Args& args);
 int cmdMovie(const Args& args);
 
+// convert --stream IN OUT (type -1: PPM or PAM by OUT's name; mode -1: the
+// source's).
+int convertStream(const Args& args, const std::string& in, const std::string& out, int type, int mode);
+// convert -j N IN... --to DIR: args[inputs] are the inputs, args[batchArgs]
+// the batch's own options and their values.
+int convertBatch(const Args& args, const std::vector<size_t>& inputs, const std::vector<size_t>& batchArgs,
+                 const std::string& toDir, int jobs, int type);
+
 }  // namespace cli

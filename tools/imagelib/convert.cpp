@@ -5,9 +5,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "cli.h"
 #include "image.h"
+#include "output.h"
 
 namespace cli {
 
@@ -121,6 +123,10 @@ int cmdConvert(const Args& args) {
     ImageSize size{};
     double rect[4];
     bool haveSize = false, haveCrop = false;
+    bool stream = false, batch = false;
+    int jobs = 1;
+    std::string toDir;
+    std::vector<size_t> inputs, batchArgs;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         auto value = [&](std::string& v) {
@@ -151,22 +157,34 @@ int cmdConvert(const Args& args) {
         } else if (a == "--crop") {
             if (!value(v) || !parseRect(v, rect)) return usage("convert: --crop takes x0,y0,x1,y1");
             haveCrop = true;
+        } else if (a == "--stream") {
+            stream = true;
+        } else if (a == "-j") {
+            batchArgs.insert(batchArgs.end(), {i, i + 1});
+            if (!value(v) || !parseInt(v, jobs) || jobs < 1 || jobs > 256)
+                return usage("convert: -j takes a number of threads 1..256");
+            batch = true;
+        } else if (a == "--to") {
+            batchArgs.insert(batchArgs.end(), {i, i + 1});
+            if (!value(v) || v.empty()) return usage("convert: --to takes a directory");
+            toDir = v;
+            batch = true;
         } else if (!a.empty() && a[0] == '-' && a.size() > 1) {
             return usage("convert: unknown option '" + a + "'");
-        } else if (in.empty()) {
-            in = a;
-        } else if (out.empty()) {
-            out = a;
         } else {
-            return usage("convert: expected IN and OUT");
+            inputs.push_back(i);
         }
     }
-    if (out.empty()) return usage("convert: expected IN and OUT");
+    if (batch) return convertBatch(args, inputs, batchArgs, toDir, jobs, type);
+    if (inputs.size() != 2) return usage("convert: expected IN and OUT");
+    in = args[inputs[0]];
+    out = args[inputs[1]];
     const bool pnmOut = type < 0 && isPnmName(out);
     if (!pnmOut && type < 0) {
         type = nameTypeOf(out);
         if (type < 0) return failure(out, korImage_typeFromExtension(out.c_str()));
     }
+    if (stream) return convertStream(args, in, out, pnmOut ? -1 : type, mode);
     StopFunction stop = progressFunction();
     Image img;
     int st = loadImage(in, img, false, stop);
@@ -180,7 +198,10 @@ int cmdConvert(const Args& args) {
     }
     if (mode < 0) mode = pnmOut ? img.colorMode : defaultWriteMode(type, img.colorMode);
     int code = quality >= 0 ? quality : compression >= 0 ? compression : 90;
-    st = saveImage(out, pnmOut ? -1 : type, mode, img, code, stop);
+    OutputFile file(out);
+    st = file.open();
+    if (st == 0) st = writerStatus(saveImage(file.path(), pnmOut ? -1 : type, mode, img, code, stop));
+    if (st == 0) st = file.commit();
     progressDone();
     if (st != 0) return failure(out, st);
     return kOk;

@@ -10,6 +10,7 @@
 
 #include "cli.h"
 #include "image.h"
+#include "output.h"
 
 namespace cli {
 
@@ -124,12 +125,14 @@ int cmdDemo(const Args& args) {
         char ext[16];
         korImage_getExtension(ext, type);
         std::string path = dir + "/demo-" + std::to_string(type) + "." + ext;
-        std::remove(path.c_str());
         auto t0 = std::chrono::steady_clock::now();
-        int rc = saveImage(path, type, mode, source, 90, nullptr);
+        OutputFile file(path);
+        int rc = file.open();
+        if (rc == 0) rc = writerStatus(saveImage(file.path(), type, mode, source, 90, nullptr));
+        if (rc == 0 && interrupted()) return failure(path, IMGERR_STOPPED);
+        if (rc == 0) rc = file.commit();
         double writeMs = msSince(t0);
         if (rc != 0) {
-            std::remove(path.c_str());
             std::printf("%-4d %-5s %-8s %10s %9s %9s %8s  %s\n", type, ext, modeName(mode), "-", "-", "-", "-",
                         (std::string(imagelib_statusText(rc)) + " (status " + std::to_string(rc) + ")").c_str());
             continue;

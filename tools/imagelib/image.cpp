@@ -1,5 +1,7 @@
 #include "image.h"
 
+#include "output.h"
+
 #include <unistd.h>
 
 #include <cctype>
@@ -41,10 +43,15 @@ void Image::replace(void* p, ImageSize s, int newLayout) {
 // ---- progress --------------------------------------------------------------
 
 namespace {
-int g_lastPercent = -1;
+// Per thread: the threads of a batch draw no bar.
+thread_local int g_lastPercent = -1;
+thread_local bool g_showProgress = true;
 
+// The CLI's stop function: a stop once an interrupt has come, else the bar.
 int drawProgress(int total, int done) {
-    if (total <= 0) return 0;
+    if (interrupted()) return 1;
+    static const bool terminal = ::isatty(2);
+    if (total <= 0 || !g_showProgress || !terminal) return 0;
     int percent = int(int64_t(done) * 100 / total);
     if (percent == g_lastPercent) return 0;
     g_lastPercent = percent;
@@ -58,7 +65,12 @@ int drawProgress(int total, int done) {
 }
 }  // namespace
 
-StopFunction progressFunction() { return ::isatty(2) ? drawProgress : nullptr; }
+StopFunction progressFunction() {
+    installInterruptHandlers();
+    return drawProgress;
+}
+
+void showProgress(bool shown) { g_showProgress = shown; }
 
 void progressDone() {
     if (g_lastPercent >= 0) std::fprintf(stderr, "\r%60s\r", "");
@@ -336,7 +348,7 @@ int loadImage(const std::string& path, Image& img, bool forceRGB, StopFunction s
         // image (GIF) is read as a palette image; when the type has no
         // palette reader either, the first answer stands.
         Image pal;
-        if (int s = loadPaletteImage(path, pal, stop)) return s == IMGERR_UNSUPPORTEDTYPE ? st : s;
+        if (int s = loadPaletteImage(path, pal, stop)) return readerStatus(s == IMGERR_UNSUPPORTEDTYPE ? st : s, path);
         img = std::move(pal);
         return forceRGB ? toRGB(img, stop) : 0;
     }
@@ -344,7 +356,7 @@ int loadImage(const std::string& path, Image& img, bool forceRGB, StopFunction s
     img.replace(buf, size, layout);
     img.colorMode = mode;
     if (st == 0 && mode == COLORMODE_BILEVEL && !forceRGB) st = keepTwoColours(path, img, stop);
-    return st == 0 ? 0 : st < 0 ? st : IMGERR_STOPPED;
+    return readerStatus(st, path);
 }
 
 int saveImage(const std::string& path, int type, int mode, Image& img, int compression, StopFunction stop) {

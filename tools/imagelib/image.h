@@ -33,9 +33,11 @@ public:
     void replace(void* p, ImageSize s, int newLayout);
 };
 
-// The stop function that draws a progress bar on stderr when it is a
-// terminal (null otherwise).
+// The stop function: it stops once the process is interrupted and draws a
+// progress bar on stderr when that is a terminal.
 StopFunction progressFunction();
+// Whether this thread draws the bar (the threads of a batch do not).
+void showProgress(bool shown);
 // Ends the progress bar line, if one was drawn.
 void progressDone();
 

@@ -26,7 +26,14 @@ const Command kCommands[] = {
      "      --size WxH                 resample to this size\n"
      "      --rotate 90|180|270        quarter turns, counter-clockwise\n"
      "      --mirror v|h               v: top to bottom, h: left to right\n"
-     "    IN or OUT may be binary PPM/PGM/PBM/PAM (.ppm .pgm .pbm .pam .pnm) for comparison with other tools",
+     "    IN or OUT may be binary PPM/PGM/PBM/PAM (.ppm .pgm .pbm .pam .pnm) for comparison with other tools\n"
+     "      --stream                   row by row, in memory independent of the height (IN: Targa, TIFF,\n"
+     "                                 Intergraph RGB or binary PGM/PPM/PAM; OUT: Targa, TIFF, BMP, PICT,\n"
+     "                                 EPS, Intergraph RGB or PPM/PAM); takes only --type and --mode\n"
+     "  convert -j N IN... --to DIR --type T [options]\n"
+     "                               every IN on N threads into DIR/<IN's name>.<T's extension>; exit 1\n"
+     "                               when any file failed (the others are still written)\n"
+     "    OUT appears only when complete: a failed conversion leaves an existing OUT as it was",
      cmdConvert},
     {"movie",
      "movie OUT [--delay TICKS] FRAME...\n"

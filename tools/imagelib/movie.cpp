@@ -5,6 +5,7 @@
 
 #include "cli.h"
 #include "image.h"
+#include "output.h"
 
 namespace cli {
 
@@ -41,6 +42,8 @@ int cmdMovie(const Args& args) {
     if (type != 14 && type != 15 && type != 26) return usage("movie: OUT must end in .fli, .flc or .avi");
 
     g_bar = progressFunction();
+    OutputFile file(out);
+    if (int s = file.open()) return failure(out, s);
     ImageMovie* movie = nullptr;
     ImageSize size{};
     int st = 0;
@@ -56,7 +59,7 @@ int cmdMovie(const Args& args) {
         if (!movie) {
             size = img.size;
             failed = out;
-            movie = korMovie_create(&st, out.c_str(), type, &size, delay);
+            movie = korMovie_create(&st, file.path().c_str(), type, &size, delay);
             if (!movie) break;
             failed = frames[i];
         } else if (img.size.x != size.x || img.size.y != size.y) {
@@ -75,9 +78,14 @@ int cmdMovie(const Args& args) {
         int closed = korMovie_close(movie);
         if (st == 0) st = closed;
     }
+    if (st == 0 && interrupted()) st = IMGERR_STOPPED;
+    if (st == 0) {
+        failed = out;
+        st = file.commit();
+    }
     if (g_bar) g_bar(int(frames.size()), int(frames.size()));
     progressDone();
-    if (st != 0) return failure(failed, st);
+    if (st != 0) return failure(failed, failed == out ? writerStatus(st) : st);
     return kOk;
 }
 

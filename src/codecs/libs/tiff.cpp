@@ -345,12 +345,44 @@ struct StreamState {
     uint16_t photometric = 0, bits = 1, samples = 1;
     uint8_t red[256] = {}, green[256] = {}, blue[256] = {};
     int row = 0;
+    // Tiled files: one band of tiles across the image at a time.
+    uint32_t tileWidth = 0, tileLength = 0;
+    size_t rowBytes = 0;      // one row of the band
+    il::Scratch<uint8_t> band, tile;
+    int64_t bandTop = -1;     // first row of the band held
 };
+
+// Decodes the band of tiles that holds row y into s->band.
+int readTileBand(StreamState* s, uint32_t width, uint32_t height, uint32_t y) {
+    TIFF* t = s->tif.get();
+    const uint32_t top = y / s->tileLength * s->tileLength;
+    const uint32_t rows = std::min(s->tileLength, height - top);
+    const size_t bitsPerPixel = size_t(s->bits) * s->samples;
+    const size_t tileRowBytes = size_t(TIFFTileRowSize(t));
+    s->bandTop = -1;
+    for (uint32_t x = 0; x < width; x += s->tileWidth) {
+        if (TIFFReadTile(t, s->tile.get(), x, top, 0, 0) < 0) return IMGERR_READFAILED;
+        // Tile widths are multiples of 16, so every tile starts on a byte.
+        const size_t at = size_t(x) * bitsPerPixel / 8;
+        const size_t bytes = std::min(tileRowBytes, s->rowBytes - at);
+        for (uint32_t r = 0; r < rows; ++r)
+            std::memcpy(s->band.get() + s->rowBytes * r + at, s->tile.get() + tileRowBytes * r, bytes);
+    }
+    s->bandTop = top;
+    return 0;
+}
 
 int streamReadRow(ImageFileContext* ctx, uint8_t* red, uint8_t* green, uint8_t* blue, uint8_t*) {
     auto* s = static_cast<StreamState*>(ctx->state);
     const int w = ctx->fileSize.x;
-    if (TIFFReadScanline(s->tif.get(), s->line.get(), uint32_t(s->row++), 0) < 0) return IMGERR_READFAILED;
+    if (s->tileWidth) {
+        const uint32_t y = uint32_t(s->row++);
+        if (s->bandTop < 0 || y < uint32_t(s->bandTop) || y >= uint32_t(s->bandTop) + s->tileLength)
+            if (int st = readTileBand(s, uint32_t(w), uint32_t(ctx->fileSize.y), y)) return st;
+        std::memcpy(s->line.get(), s->band.get() + s->rowBytes * (y - uint32_t(s->bandTop)), s->rowBytes);
+    } else if (TIFFReadScanline(s->tif.get(), s->line.get(), uint32_t(s->row++), 0) < 0) {
+        return IMGERR_READFAILED;
+    }
     const uint8_t* p = s->line.get();
     if (s->photometric == PHOTOMETRIC_RGB) {
         const size_t step = (size_t(s->bits) * s->samples + 7) / 8;
@@ -944,7 +976,9 @@ int tiff_openStream(ImageFileContext* ctx, const char* path) noexcept {
     } restore;
     std::unique_ptr<StreamState> s(new (std::nothrow) StreamState);
     if (!s) return IMGSTAT_NO_ROW_BUFFER;
-    s->tif.reset(path ? TIFFOpen(path, "rb") : nullptr);
+    // Not memory-mapped ("m"): the mapped pages of a file read from top to
+    // bottom would stay resident and the process grow with the file.
+    s->tif.reset(path ? TIFFOpen(path, "rbm") : nullptr);
     if (!s->tif) return IMGSTAT_STREAM_STOPPED;
     TIFF* t = s->tif.get();
     uint32_t w = 0, h = 0;
@@ -963,6 +997,25 @@ int tiff_openStream(ImageFileContext* ctx, const char* path) noexcept {
     if (scan <= 0 || !s->line.allocate(std::max({size_t(4) * w, size_t(scan), walk}), il::tag("TfSl"), true))
         return IMGSTAT_NO_ROW_BUFFER;
     const int bpp = s->bits * s->samples;
+    if (TIFFIsTiled(t)) {
+        // A band of tiles across the image, the height of one tile (bounded
+        // like any one allocation from a header).
+        uint32_t tw = 0, tl = 0;
+        uint16_t planar = PLANARCONFIG_CONTIG;
+        TIFFGetField(t, TIFFTAG_PLANARCONFIG, &planar);
+        if (!TIFFGetField(t, TIFFTAG_TILEWIDTH, &tw) || !TIFFGetField(t, TIFFTAG_TILELENGTH, &tl) || tw == 0 ||
+            tl == 0 || tw % 16 != 0 || planar != PLANARCONFIG_CONTIG)
+            return 5;
+        s->rowBytes = (size_t(w) * size_t(bpp) + 7) / 8;
+        const tmsize_t tileBytes = TIFFTileSize(t);
+        if (tileBytes <= 0 || size_t(tileBytes) > (size_t(1) << 28) || s->rowBytes > (size_t(1) << 28) / tl)
+            return IMGSTAT_STREAM_STOPPED;
+        if (!s->tile.allocate(size_t(tileBytes), il::tag("TfSt")) ||
+            !s->band.allocate(s->rowBytes * tl, il::tag("TfSb"), true))
+            return IMGSTAT_NO_ROW_BUFFER;
+        s->tileWidth = tw;
+        s->tileLength = tl;
+    }
     switch (s->photometric) {
         case PHOTOMETRIC_MINISBLACK:
         case PHOTOMETRIC_MINISWHITE: {
