@@ -24,7 +24,12 @@ const Command kCommands[] = {
      "                                 4 Group 4, 32773 PackBits, 32946 deflate)\n"
      "      --crop x0,y0,x1,y1         keep this rectangle (corners inclusive)\n"
      "      --size WxH                 resample to this size\n"
-     "      --rotate 90|180|270        quarter turns, counter-clockwise\n"
+     "      --rotate DEG               turn counter-clockwise by DEG degrees (90, 180, 270: exact\n"
+     "                                 quarter turns; other angles into the bounding box)\n"
+     "      --background COLOR         #rrggbb or r,g,b where the turned or warped picture does not\n"
+     "                                 reach (default black)\n"
+     "      --interpolate F            nearest, bilinear or bicubic (default bilinear)\n"
+     "      --affine a,b,c,d,e,f       warp: x' = a x + c y + e, y' = b x + d y + f, in the source's size\n"
      "      --mirror v|h               v: top to bottom, h: left to right\n"
      "    IN or OUT may be binary PPM/PGM/PBM/PAM (.ppm .pgm .pbm .pam .pnm) for comparison with other tools",
      cmdConvert},
