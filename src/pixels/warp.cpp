@@ -18,6 +18,10 @@
 #include <cstdint>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "imagelib/geo.h"
 #include "imagelib/host.h"
 #include "internal/checked.h"
@@ -76,6 +80,7 @@ namespace {
 
 constexpr double kOne = 4294967296.0;  // 1.0 in the 32.32 fixed point of the span loops
 constexpr double kLimit = 1073741824.0;  // coordinates beyond 2^30 pixels never reach a tap
+constexpr int32_t kBand = 32, kChunk = 128;  // destination tiles
 
 // Catmull-Rom weights of the four taps for fractions i / 256.
 struct CubicTable {
@@ -109,14 +114,17 @@ template <int Interp, int C>
 inline void sample(uint8_t* out, size_t outCs, const uint8_t* p, size_t ps, size_t cs, size_t rs, uint32_t fx,
                    uint32_t fy) {
     if constexpr (Interp == IMAGEWARP_NEAREST) {
+#pragma GCC unroll 4
         for (int c = 0; c < C; ++c) out[size_t(c) * outCs] = p[size_t(c) * cs];
     } else if constexpr (Interp == IMAGEWARP_BILINEAR) {
-        // 255 x 4096 x 4096 plus the rounding still fits in 32 bits.
-        const uint32_t ax = fx >> 20, bx = 4096 - ax, ay = fy >> 20, by = 4096 - ay;
+        // 12-bit weights: each axis is one multiply of a difference.
+        const int64_t ax = fx >> 20, ay = fy >> 20;
+#pragma GCC unroll 4
         for (int c = 0; c < C; ++c) {
             const uint8_t* q = p + size_t(c) * cs;
-            const uint32_t top = q[0] * bx + q[ps] * ax, bottom = q[rs] * bx + q[rs + ps] * ax;
-            out[size_t(c) * outCs] = uint8_t((top * by + bottom * ay + (1u << 23)) >> 24);
+            const int64_t top = (int64_t(q[0]) << 12) + (int64_t(q[ps]) - q[0]) * ax;
+            const int64_t bottom = (int64_t(q[rs]) << 12) + (int64_t(q[rs + ps]) - q[rs]) * ax;
+            out[size_t(c) * outCs] = uint8_t(((top << 12) + (bottom - top) * ay + (1 << 23)) >> 24);
         }
     } else {
         const float* wx = kCubic.w[fx >> 24];
@@ -130,6 +138,66 @@ inline void sample(uint8_t* out, size_t outCs, const uint8_t* p, size_t ps, size
         }
     }
 }
+
+#if defined(__SSE2__)
+// Bilinear pixels of the span loop eight at a time, for three or four
+// channels. The taps of each channel are gathered as byte pairs (left,
+// right) of the two rows; SSE2 multiply-adds weigh them across with 12-bit
+// weights into 32 bits, and, the sums cut to 15 bits, down with 12-bit
+// weights. S and T advance past the pixels done; returns their number.
+template <int C, bool Planar>
+int32_t bilinearEights(uint8_t* o, size_t dcs, const uint8_t* base, size_t rs, size_t scs, int64_t& S, int64_t& T,
+                       int64_t DS, int64_t DT, int32_t count) {
+    constexpr size_t ps = Planar ? 1 : size_t(C);
+    alignas(16) uint8_t pairs[C][2][16];  // [channel][row][2 x pixel + side]
+    alignas(16) int16_t wx[16], wy[16];   // (4096 - w, w) a pixel
+    alignas(16) uint8_t bytes[16];
+    const __m128i zero = _mm_setzero_si128(), half = _mm_set1_epi32(1 << 18);
+    int32_t done = 0;
+    for (; done + 8 <= count; done += 8, o += 8 * ps) {
+        for (int k = 0; k < 8; ++k, S += DS, T += DT) {
+            const uint8_t* p = base + size_t(T >> 32) * rs + size_t(S >> 32) * ps;
+            const int16_t ax = int16_t(uint32_t(S) >> 20), ay = int16_t(uint32_t(T) >> 20);
+            wx[2 * k] = int16_t(4096 - ax), wx[2 * k + 1] = ax;
+            wy[2 * k] = int16_t(4096 - ay), wy[2 * k + 1] = ay;
+#pragma GCC unroll 4
+            for (int c = 0; c < C; ++c) {
+                const uint8_t* q = p + size_t(c) * scs;
+                pairs[c][0][2 * k] = q[0], pairs[c][0][2 * k + 1] = q[ps];
+                pairs[c][1][2 * k] = q[rs], pairs[c][1][2 * k + 1] = q[rs + ps];
+            }
+        }
+        const __m128i wxl = _mm_load_si128(reinterpret_cast<const __m128i*>(wx));
+        const __m128i wxh = _mm_load_si128(reinterpret_cast<const __m128i*>(wx + 8));
+        const __m128i wyl = _mm_load_si128(reinterpret_cast<const __m128i*>(wy));
+        const __m128i wyh = _mm_load_si128(reinterpret_cast<const __m128i*>(wy + 8));
+#pragma GCC unroll 4
+        for (int c = 0; c < C; ++c) {
+            const __m128i r0 = _mm_load_si128(reinterpret_cast<const __m128i*>(pairs[c][0]));
+            const __m128i r1 = _mm_load_si128(reinterpret_cast<const __m128i*>(pairs[c][1]));
+            // Across: at most 255 x 4096, cut by 5 bits to fit 16.
+            const __m128i t0 = _mm_srli_epi32(_mm_madd_epi16(_mm_unpacklo_epi8(r0, zero), wxl), 5);
+            const __m128i t1 = _mm_srli_epi32(_mm_madd_epi16(_mm_unpackhi_epi8(r0, zero), wxh), 5);
+            const __m128i b0 = _mm_srli_epi32(_mm_madd_epi16(_mm_unpacklo_epi8(r1, zero), wxl), 5);
+            const __m128i b1 = _mm_srli_epi32(_mm_madd_epi16(_mm_unpackhi_epi8(r1, zero), wxh), 5);
+            const __m128i top = _mm_packs_epi32(t0, t1), bottom = _mm_packs_epi32(b0, b1);
+            // Down: (top, bottom) pairs against (4096 - w, w); scale 2^19.
+            __m128i v0 = _mm_madd_epi16(_mm_unpacklo_epi16(top, bottom), wyl);
+            __m128i v1 = _mm_madd_epi16(_mm_unpackhi_epi16(top, bottom), wyh);
+            v0 = _mm_srli_epi32(_mm_add_epi32(v0, half), 19);
+            v1 = _mm_srli_epi32(_mm_add_epi32(v1, half), 19);
+            const __m128i px = _mm_packus_epi16(_mm_packs_epi32(v0, v1), zero);
+            if constexpr (Planar) {
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(o + size_t(c) * dcs), px);
+            } else {
+                _mm_store_si128(reinterpret_cast<__m128i*>(bytes), px);
+                for (int k = 0; k < 8; ++k) o[size_t(k) * ps + size_t(c)] = bytes[k];
+            }
+        }
+    }
+    return done;
+}
+#endif
 
 // The source or destination picture: strides in bytes between neighbouring
 // pixels, channels and rows (row-planar RGB: pixels 1, channels one width).
@@ -146,15 +214,15 @@ struct Job {
     int interp;
 };
 
-// The pixels i of [0, n) at which floor(s0 + i ds) lies in [lo, hi], as the
-// half-open [*first, *end); close to exact, for callers that verify or allow
-// a margin.
-void span(double s0, double ds, double lo, double hi, int32_t n, int32_t* first, int32_t* end) {
+// The pixels i of [from, to) at which floor(s0 + i ds) lies in [lo, hi], as
+// the half-open [*first, *end); close to exact, for callers that verify or
+// allow a margin.
+void span(double s0, double ds, double lo, double hi, int32_t from, int32_t to, int32_t* first, int32_t* end) {
     double a, b;
     if (ds == 0) {
         const bool in = s0 >= lo && s0 < hi + 1;
-        a = in ? 0 : n;
-        b = in ? n : 0;
+        a = in ? from : to;
+        b = in ? to : from;
     } else if (ds > 0) {
         a = std::ceil((lo - s0) / ds);
         b = std::ceil((hi + 1 - s0) / ds);
@@ -162,8 +230,8 @@ void span(double s0, double ds, double lo, double hi, int32_t n, int32_t* first,
         a = std::floor((hi + 1 - s0) / ds) + 1;
         b = std::floor((lo - s0) / ds) + 1;
     }
-    a = a < 0 ? 0 : a > n ? n : a;  // NaN-free: ds and s0 are finite
-    b = b < 0 ? 0 : b > n ? n : b;
+    a = a < from ? from : a > to ? to : a;  // NaN-free: ds and s0 are finite
+    b = b < from ? from : b > to ? to : b;
     *first = int32_t(a);
     *end = int32_t(b) < int32_t(a) ? int32_t(a) : int32_t(b);
 }
@@ -179,9 +247,10 @@ inline bool within(__int128 fixed, int32_t lo, int32_t hi) {
     return fixed >= (__int128(lo) << 32) && fixed < (__int128(hi) + 1) << 32;
 }
 
-// One destination row of a byte, RGB or RGBA picture.
-template <int Interp, int C>
-void warpRow(const Job& job, int32_t j, uint8_t* patchStore) {
+// Pixels [from, to) of one destination row of a byte, RGB or RGBA picture;
+// Planar: the channels are planes of the row (pixel stride 1).
+template <int Interp, int C, bool Planar>
+void warpRow(const Job& job, int32_t j, int32_t from, int32_t to, uint8_t* patchStore) {
     constexpr int K = tapCount(Interp), F = firstTap(Interp);
     const Plane& s = job.src;
     const Plane& d = job.dst;
@@ -189,14 +258,13 @@ void warpRow(const Job& job, int32_t j, uint8_t* patchStore) {
     const double y = j + 0.5, shift = sampleShift(Interp) - 0.5;
     const double s0 = m[0] * 0.5 + m[2] * y + m[4] + shift, ds = m[0];
     const double t0 = m[1] * 0.5 + m[3] * y + m[5] + shift, dt = m[1];
-    const int32_t n = d.w;
     uint8_t* row = d.data + size_t(j) * d.rs;
 
     // Pixels some tap of which may be inside (a pixel of margin each way):
     // everything else is background.
     int32_t c0, c1, c2, c3;
-    span(s0, ds, -(F + K - 1) - 1, s.w - F, n, &c0, &c1);
-    span(t0, dt, -(F + K - 1) - 1, s.h - F, n, &c2, &c3);
+    span(s0, ds, -(F + K - 1) - 1, s.w - F, from, to, &c0, &c1);
+    span(t0, dt, -(F + K - 1) - 1, s.h - F, from, to, &c2, &c3);
     const int32_t touchA = c0 > c2 ? c0 : c2;
     const int32_t touchB = touchA > (c1 < c3 ? c1 : c3) ? touchA : (c1 < c3 ? c1 : c3);
 
@@ -206,8 +274,8 @@ void warpRow(const Job& job, int32_t j, uint8_t* patchStore) {
     int32_t a = touchA, b = touchA;
     int64_t S = 0, T = 0, DS = 0, DT = 0;
     if (xhi >= xlo && yhi >= ylo && std::fabs(ds) < kLimit && std::fabs(dt) < kLimit) {
-        span(s0, ds, xlo, xhi, n, &c0, &c1);
-        span(t0, dt, ylo, yhi, n, &c2, &c3);
+        span(s0, ds, xlo, xhi, from, to, &c0, &c1);
+        span(t0, dt, ylo, yhi, from, to, &c2, &c3);
         a = c0 > c2 ? c0 : c2;
         b = c1 < c3 ? c1 : c3;
         if (a < touchA) a = touchA;
@@ -274,17 +342,28 @@ void warpRow(const Job& job, int32_t j, uint8_t* patchStore) {
         }
     };
 
-    fill(0, touchA);
+    fill(from, touchA);
     edge(touchA, a);
-    // The span loop: no tap leaves the source here.
-    const uint8_t* base = s.data + size_t(F) * s.rs + size_t(F) * s.ps;
-    for (int32_t i = a; i < b; ++i, S += DS, T += DT) {
+    // The span loop: no tap leaves the source here. Strides live in locals
+    // (byte stores could otherwise alias the job and force reloads).
+    constexpr size_t ps = Planar ? 1 : size_t(C);
+    const size_t rs = s.rs, scs = Planar ? s.cs : 1, dcs = Planar ? d.cs : 1;
+    const uint8_t* base = s.data + size_t(F) * rs + size_t(F) * ps;
+    uint8_t* o = row + size_t(a) * ps;
+    int32_t i = a;
+#if defined(__SSE2__)
+    if constexpr (Interp == IMAGEWARP_BILINEAR && C >= 3) {
+        const int32_t done = bilinearEights<C, Planar>(o, dcs, base, rs, scs, S, T, DS, DT, b - a);
+        i += done;
+        o += size_t(done) * ps;
+    }
+#endif
+    for (; i < b; ++i, S += DS, T += DT, o += ps) {
         const size_t x0 = size_t(S >> 32), y0 = size_t(T >> 32);
-        sample<Interp, C>(row + size_t(i) * d.ps, d.cs, base + y0 * s.rs + x0 * s.ps, s.ps, s.cs, s.rs,
-                          uint32_t(S), uint32_t(T));
+        sample<Interp, C>(o, dcs, base + y0 * rs + x0 * ps, ps, scs, rs, uint32_t(S), uint32_t(T));
     }
     edge(b, touchB);
-    fill(touchB, n);
+    fill(touchB, to);
 }
 
 // One destination row of a one-bit picture (nearest neighbour; rows of
@@ -303,8 +382,8 @@ void warpBitRow(const Job& job, int32_t j) {
     int64_t S = 0, T = 0, DS = 0, DT = 0;
     if (std::fabs(ds) < kLimit && std::fabs(dt) < kLimit) {
         int32_t c0, c1, c2, c3;
-        span(s0, ds, 0, s.w - 1, n, &c0, &c1);
-        span(t0, dt, 0, s.h - 1, n, &c2, &c3);
+        span(s0, ds, 0, s.w - 1, 0, n, &c0, &c1);
+        span(t0, dt, 0, s.h - 1, 0, n, &c2, &c3);
         a = c0 > c2 ? c0 : c2;
         b = c1 < c3 ? c1 : c3;
         DS = toFixed(ds);
@@ -343,14 +422,14 @@ void warpBitRow(const Job& job, int32_t j) {
     for (int32_t i = b; i < n; ++i) other(i);
 }
 
-using RowFunction = void (*)(const Job&, int32_t, uint8_t*);
+using RowFunction = void (*)(const Job&, int32_t, int32_t, int32_t, uint8_t*);
 
-template <int C>
+template <int C, bool Planar>
 RowFunction rowFunction(int interp) {
     switch (interp) {
-        case IMAGEWARP_BILINEAR: return warpRow<IMAGEWARP_BILINEAR, C>;
-        case IMAGEWARP_BICUBIC: return warpRow<IMAGEWARP_BICUBIC, C>;
-        default: return warpRow<IMAGEWARP_NEAREST, C>;
+        case IMAGEWARP_BILINEAR: return warpRow<IMAGEWARP_BILINEAR, C, Planar>;
+        case IMAGEWARP_BICUBIC: return warpRow<IMAGEWARP_BICUBIC, C, Planar>;
+        default: return warpRow<IMAGEWARP_NEAREST, C, Planar>;
     }
 }
 
@@ -393,16 +472,28 @@ int warpInto(void** out, const ImageSize& to, const void* source, const ImageSiz
     job.interp = channels <= 1 ? IMAGEWARP_NEAREST : interp;
     RowFunction row = nullptr;
     switch (channels) {
-        case 1: row = rowFunction<1>(job.interp); break;
-        case 3: row = rowFunction<3>(job.interp); break;
-        case 4: row = rowFunction<4>(job.interp); break;
+        case 1: row = rowFunction<1, false>(job.interp); break;
+        case 3: row = format == IMAGEFORMAT_RGB ? rowFunction<3, true>(job.interp) : rowFunction<3, false>(job.interp); break;
+        case 4: row = rowFunction<4, false>(job.interp); break;
         default: break;
     }
     uint8_t patch[4 * 4 * 4];
-    for (int32_t j = 0; j < to.y; ++j) {
-        if (imageUtil_reportProgress(stop, to.y, j) != 0) return IMGERR_STOPPED;
-        if (row) row(job, j, patch);
-        else warpBitRow(job, j);
+    if (!row) {
+        for (int32_t j = 0; j < to.y; ++j) {
+            if (imageUtil_reportProgress(stop, to.y, j) != 0) return IMGERR_STOPPED;
+            warpBitRow(job, j);
+        }
+    }
+    // Tiles of kBand rows by kChunk pixels keep the source pixels that a
+    // turned tile reads in the cache; each row is polled before its band.
+    for (int32_t j0 = 0; row && j0 < to.y; j0 += kBand) {
+        const int32_t j1 = to.y - j0 > kBand ? j0 + kBand : to.y;
+        for (int32_t j = j0; j < j1; ++j)
+            if (imageUtil_reportProgress(stop, to.y, j) != 0) return IMGERR_STOPPED;
+        for (int32_t x0 = 0; x0 < to.x; x0 += kChunk) {
+            const int32_t x1 = to.x - x0 > kChunk ? x0 + kChunk : to.x;
+            for (int32_t j = j0; j < j1; ++j) row(job, j, x0, x1, patch);
+        }
     }
     *out = block.release();
     return 0;
