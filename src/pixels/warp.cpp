@@ -163,8 +163,13 @@ int32_t bilinearEights(uint8_t* o, size_t dcs, const uint8_t* base, size_t rs, s
 #pragma GCC unroll 4
             for (int c = 0; c < C; ++c) {
                 const uint8_t* q = p + size_t(c) * scs;
-                pairs[c][0][2 * k] = q[0], pairs[c][0][2 * k + 1] = q[ps];
-                pairs[c][1][2 * k] = q[rs], pairs[c][1][2 * k + 1] = q[rs + ps];
+                if constexpr (Planar) {  // the pair is two neighbouring bytes
+                    std::memcpy(&pairs[c][0][2 * k], q, 2);
+                    std::memcpy(&pairs[c][1][2 * k], q + rs, 2);
+                } else {
+                    pairs[c][0][2 * k] = q[0], pairs[c][0][2 * k + 1] = q[ps];
+                    pairs[c][1][2 * k] = q[rs], pairs[c][1][2 * k + 1] = q[rs + ps];
+                }
             }
         }
         const __m128i wxl = _mm_load_si128(reinterpret_cast<const __m128i*>(wx));

@@ -309,3 +309,26 @@ TEST(Warp, RefusesBadArgumentsAndStopsWhenAsked) {
     EXPECT_EQ(r, nullptr);
     EXPECT_EQ(scope.log.calls.size(), 3u);
 }
+
+// Matrices that throw the source far away, shrink it to nothing, blow it up or
+// nearly flatten it: every pixel is written, nothing outside the buffers is
+// touched (the sanitizer build watches), and a picture moved off the
+// destination leaves only the background.
+TEST(Warp, ExtremeMatricesStayInBounds) {
+    const double matrices[][6] = {
+        {1, 0, 0, 1, 1e15, -1e15}, {1e-9, 0, 0, 1e-9, 3, 3},      {1e9, 0, 0, 1e9, -5e9, -5e9},
+        {1, 1, 1, 1 + 1e-9, 0, 0}, {-3e5, 2e5, 1e5, 4e5, 7, -7}, {0.3, -1e-7, 2e-7, 0.3, -1e8, 4},
+    };
+    const uint8_t bg[4] = {11, 22, 33, 44};
+    for (int format : kWarpFormats)
+        for (int interp : {0, 1, 2})
+            for (const auto& m : matrices) {
+                SCOPED_TRACE(testing::Message() << "layout " << format << " filter " << interp << " m0 " << m[0]);
+                Image src, out;
+                fill(src, format, randomGrid(format, 23, 17, 5));
+                ASSERT_EQ(warpInto(out, src, {29, 13}, m, interp, bg), 0);
+                if (m[4] != 1e15 && m[5] != 4) continue;
+                const Grid g = grid(out);
+                for (size_t i = 0; i < g.px.size(); ++i) ASSERT_EQ(g.px[i], format == 1 ? 1 : bg[i % size_t(g.bpp)]);
+            }
+}
