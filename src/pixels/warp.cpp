@@ -224,6 +224,10 @@ struct Job {
 // allow a margin.
 void span(double s0, double ds, double lo, double hi, int32_t from, int32_t to, int32_t* first, int32_t* end) {
     double a, b;
+    if (!std::isfinite(s0) || !std::isfinite(ds)) {  // a matrix near the limits of double
+        *first = *end = from;
+        return;
+    }
     if (ds == 0) {
         const bool in = s0 >= lo && s0 < hi + 1;
         a = in ? from : to;
