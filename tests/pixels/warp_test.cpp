@@ -318,6 +318,7 @@ TEST(Warp, ExtremeMatricesStayInBounds) {
     const double matrices[][6] = {
         {1, 0, 0, 1, 1e15, -1e15}, {1e-9, 0, 0, 1e-9, 3, 3},      {1e9, 0, 0, 1e9, -5e9, -5e9},
         {1, 1, 1, 1 + 1e-9, 0, 0}, {-3e5, 2e5, 1e5, 4e5, 7, -7}, {0.3, -1e-7, 2e-7, 0.3, -1e8, 4},
+        {1e-160, 0, 0, 1e-160, 0, 0},
     };
     const uint8_t bg[4] = {11, 22, 33, 44};
     for (int format : kWarpFormats)
