@@ -26,6 +26,8 @@
 #include "imagelib/host.h"
 #include "internal/checked.h"
 #include "internal/scratch.h"
+#include "pixels/rotate.h"
+#include "pixels/rows.h"
 
 namespace il {
 
@@ -508,8 +510,49 @@ int warpInto(void** out, const ImageSize& to, const void* source, const ImageSiz
     return 0;
 }
 
-bool warpable(int format) {
-    return format == IMAGEFORMAT_BITMAP || (format >= IMAGEFORMAT_MAP && format <= IMAGEFORMAT_RGBA);
+bool warpable(int format) { return format >= IMAGEFORMAT_BITMAP && format <= IMAGEFORMAT_PACKBYTE; }
+
+// Layouts 2 and 8: the rows are decoded into a bitmap or byte map (a null
+// row reads as zeros), warped, and encoded into a new row table.
+int warpRows(void** out, const ImageSize& to, const void* source, const ImageSize& from, int format,
+             const double inv[6], const uint8_t* background, StopFunction stop) {
+    const bool bits = format == IMAGEFORMAT_RLEBITMAP;
+    const size_t srcRow = bits ? (size_t(from.x) + 7) >> 3 : size_t(from.x);
+    const size_t dstRow = bits ? (size_t(to.x) + 7) >> 3 : size_t(to.x);
+    size_t bytes = 0;
+    if (!il::mulSize(srcRow, size_t(from.y), &bytes)) return IMGERR_NOMEMORY;
+    il::Scratch<uint8_t> plain(bytes, il::tag("WaRd"), true);
+    if (!plain.ok()) return IMGERR_NOMEMORY;
+    for (int32_t y = 0; y < from.y; ++y) {
+        uint8_t* row = plain.get() + size_t(y) * srcRow;
+        if (bits) {
+            const uint16_t* runs = static_cast<uint16_t* const*>(source)[y];
+            if (runs && il::rleDecodeRowBounded(row, runs, il::runLimit(from.x), from.x) < 0) return IMGERR_BADFILE;
+        } else if (const uint8_t* packed = static_cast<uint8_t* const*>(source)[y]) {
+            korImage_unpackByteBuffer(row, packed, from.x);
+        }
+    }
+    void* warped = nullptr;
+    const int plainFormat = bits ? IMAGEFORMAT_BITMAP : IMAGEFORMAT_MAP;
+    if (int st = warpInto(&warped, to, plain.get(), from, plainFormat, inv, IMAGEWARP_NEAREST, background, stop))
+        return st;
+    il::CallerBuffer<uint8_t> picture(static_cast<uint8_t*>(warped));
+    il::RowTable table;
+    if (!table.allocate(to, format)) return IMGERR_NOMEMORY;
+    for (int32_t y = 0; y < to.y; ++y) {
+        const uint8_t* row = picture.get() + size_t(y) * dstRow;
+        if ((bits ? il::storeRLEBitMapRow(table.runs(), y, row, to.x) : il::storePackByteRow(table.bytes(), y, row, to.x)) != 0)
+            return IMGERR_NOMEMORY;
+    }
+    *out = table.release();
+    return 0;
+}
+
+int warpAny(void** out, const ImageSize& to, const void* source, const ImageSize& from, int format,
+            const double inv[6], int interp, const uint8_t* background, StopFunction stop) {
+    if (format == IMAGEFORMAT_RLEBITMAP || format == IMAGEFORMAT_PACKBYTE)
+        return warpRows(out, to, source, from, format, inv, background, stop);
+    return warpInto(out, to, source, from, format, inv, interp, background, stop);
 }
 
 // A copy of an image of any layout (the row tables of layouts 2 and 8 by
@@ -545,7 +588,7 @@ extern "C" int korImage_warp(void** result, const ImageSize* resultSize, const v
     if (!warpable(format) || !validInterpolation(interpolation)) return IMGERR_BADARG;
     double inv[6];
     if (!il::invertMatrix(inv, matrix)) return IMGERR_BADARG;
-    return warpInto(result, *resultSize, source, *sourceSize, format, inv, interpolation, background, stop);
+    return warpAny(result, *resultSize, source, *sourceSize, format, inv, interpolation, background, stop);
 }
 
 extern "C" int korImage_rotateAngle(void** result, ImageSize* resultSize, void* source, const ImageSize* sourceSize,
@@ -565,12 +608,11 @@ extern "C" int korImage_rotateAngle(void** result, ImageSize* resultSize, void* 
         if (*result == source) return 0;
         if (int st = copyImage(&made, source, from, format, stop)) return st;
     } else {
-        if (!warpable(format)) return IMGERR_BADARG;
         if (!il::rotatedSize(&to, from, turn)) return IMGERR_NOMEMORY;
         double m[6], inv[6];
         il::rotationMatrix(m, from, to, turn);
         if (!il::invertMatrix(inv, m)) return IMGERR_BADARG;
-        if (int st = warpInto(&made, to, source, from, format, inv, interpolation, background, stop)) return st;
+        if (int st = warpAny(&made, to, source, from, format, inv, interpolation, background, stop)) return st;
     }
     if (*result == source) korImage_freeImage(source, &from, format);
     *result = made;
