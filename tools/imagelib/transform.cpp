@@ -38,19 +38,9 @@ int step(Image& img, const WarpOptions& o, const double* matrix, StopFunction st
         // Quarter turns keep every layout as it is.
         if (turn == 90 || turn == 180 || turn == 270) return rotate(img, int(turn), stop);
     }
-    if (img.layout == IMAGEFORMAT_RLEBITMAP) {
-        // Bits warp as a plain bitmap and are encoded again.
-        if (int st = korImage_stretchRLEToBitMap(&img.buffer, &img.size)) return st;
-        img.layout = IMAGEFORMAT_BITMAP;
-        const int st = step(img, o, matrix, stop);
-        uint16_t** rows = nullptr;
-        if (int enc = korImage_runLengthEncodeBitMap(&rows, img.bytes(), &img.size)) return st ? st : enc;
-        img.replace(rows, img.size, IMAGEFORMAT_RLEBITMAP);
-        return st;
-    }
     uint8_t bg[4] = {o.background[0], o.background[1], o.background[2], 255};
-    if (img.layout == IMAGEFORMAT_MAP || img.layout == IMAGEFORMAT_MAP2 || img.layout == IMAGEFORMAT_BITMAP)
-        bg[0] = nearestIndex(img, o.background);
+    if (img.layout != IMAGEFORMAT_RGB && img.layout != IMAGEFORMAT_RGB2 && img.layout != IMAGEFORMAT_RGBA)
+        bg[0] = nearestIndex(img, o.background);  // palette images and bitmaps
     void* out = nullptr;
     ImageSize size = img.size;
     int st = matrix ? korImage_warp(&out, &size, img.buffer, &img.size, img.layout, matrix, o.interpolation, bg, stop)
