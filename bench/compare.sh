@@ -42,7 +42,7 @@ convert "$work/src.ppm" -colors 256 SUN:"$work/src.ras"
 have() { command -v "$1" >/dev/null; }
 
 # The command of one tool for one job; empty when the tool has none.
-#   job: decode EXT | encode EXT | resize | floor-cp FILE | floor-djpeg | floor-cjpeg
+#   job: decode EXT | encode EXT | resize | rotate | floor-cp FILE | floor-djpeg | floor-cjpeg
 command_of() {
   local tool=$1 kind=$2 arg=${3:-}
   local in out
@@ -96,6 +96,16 @@ command_of() {
         magick) echo "convert $in -resize 1000x1000! $out" ;;
         gm) echo "gm convert $in -resize 1000x1000! $out" ;;
         vips) echo "vips resize $in $out $(python3 -c "print(1000 / $size)")" ;;
+      esac ;;
+    rotate)
+      # 30 degrees counter-clockwise into the bounding box, bilinear, black background;
+      # ImageMagick turns clockwise.
+      in=$work/src.ppm out=$work/out-$tool-turned.ppm
+      case $tool in
+        imagelib) echo "$cli convert $in $out --rotate 30" ;;
+        magick) echo "convert $in -background black -rotate -30 $out" ;;
+        gm) echo "gm convert $in -background black -rotate -30 $out" ;;
+        vips) echo "vips rotate $in $out 30" ;;
       esac ;;
   esac
 }
@@ -158,6 +168,7 @@ row "PPM to Targa" encode tga cp "$(cp_floor ppm)"
 row "PPM to GIF 256 dithered" encode gif
 row "PPM to PCX 256" encode pcx
 row "resize to 1000x1000" resize ""
+row "rotate by 30 degrees" rotate ""
 
 header="| conversion (${size}x${size}, ms) | $(IFS='|'; echo "${tools[*]}" | sed 's/|/ | /g') | ours / fastest peer | floor |"
 rule="|---|$(for _ in "${tools[@]}"; do printf -- '---|'; done)---|---|"

@@ -78,6 +78,52 @@ IMAGELIB_API int korImage_convertToUpperLeftHorizontal(void** image, ImageSize* 
                                                        int format, StopFunction stop) IMAGELIB_NOEXCEPT;
 /* (end of rotate) */
 
+/* ==== warp: affine warping and rotation by any angle ==== */
+/* Interpolation codes of the warp. Palette images and bitmaps always take
+   the nearest neighbour; bicubic is Catmull-Rom. */
+enum {
+    IMAGEWARP_NEAREST = 0,
+    IMAGEWARP_BILINEAR = 1,
+    IMAGEWARP_BICUBIC = 2
+};
+
+/* Warps an image of any layout 1..8 by the affine matrix
+   {a, b, c, d, e, f}, which maps a source point (x, y) to the destination
+   point (a x + c y + e, b x + d y + f); x runs to the right, y downwards and
+   pixel (i, j) has its centre at (i + 0.5, j + 0.5). Every destination pixel
+   samples the source at the point the inverse matrix gives. *result
+   receives a new block (host allocator) of resultSize, in the source's
+   layout. Where the source does not reach, the pixel is the background:
+   background holds 3 bytes red, green, blue for layouts 5 and 6, 4 bytes
+   red, green, blue, alpha for 7, one palette index for 3, 4 and 8, one byte
+   for 1 and 2 (nonzero: set); null means zeros. Filter taps outside the
+   source read the background, so that edges blend into it. Layouts 1, 2, 3,
+   4 and 8 take the nearest neighbour whatever the code; the row tables of 2
+   and 8 are decoded (a null row reads as zeros) and the result encoded into
+   a new table. The stop function is polled before each destination row
+   with (resultSize->y, row); stopped: IMGERR_STOPPED and nothing is handed
+   out. IMGERR_BADARG: null pointers, sizes not positive, an unknown layout
+   or interpolation code, a matrix that is not finite or singular.
+   IMGERR_NOMEMORY; IMGERR_BADFILE for a run-length row that does not reach
+   the width. */
+IMAGELIB_API int korImage_warp(void** result, const ImageSize* resultSize, const void* source,
+                               const ImageSize* sourceSize, int format, const double* matrix, int interpolation,
+                               const uint8_t* background, StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* Rotates an image counter-clockwise by any number of degrees about its
+   centre, into the bounding box of the turned picture:
+   ceil(|W cos| + |H sin|) by ceil(|W sin| + |H cos|), the centres aligned.
+   Multiples of 90 take korImage_rotate (bit for bit, any layout 1..8, its
+   polling); 0 gives a copy. Other angles warp as korImage_warp. As with
+   korImage_rotate, result may point at the pointer that holds source, which
+   is then freed on success, and resultSize (may be null or sourceSize
+   itself) receives the new size. IMGERR_BADARG also for an angle that is
+   not finite. */
+IMAGELIB_API int korImage_rotateAngle(void** result, ImageSize* resultSize, void* source,
+                                      const ImageSize* sourceSize, int format, double degrees, int interpolation,
+                                      const uint8_t* background, StopFunction stop) IMAGELIB_NOEXCEPT;
+/* (end of warp) */
+
 /* ==== subimage: sub-image extraction ==== */
 /* Every member cuts the rectangle (x0, y0, x1, y1), corners inclusive and in source pixels (null:
    the whole source), out of the source and steps it nearest-neighbour onto the destination size

@@ -26,7 +26,7 @@ from . import _imagelib
 
 __all__ = [
     "Image", "ImagelibError", "formats", "file_type", "info", "read", "write", "convert",
-    "quantize", "resize", "rotate", "mirror", "rows", "RowWriter", "status_text", "MODES",
+    "quantize", "resize", "rotate", "warp", "mirror", "rows", "RowWriter", "status_text", "MODES",
 ]
 
 __version__ = _imagelib.version()
@@ -317,11 +317,51 @@ def resize(array, size):
     return _imagelib.resize(_pixels(array), _size(size))
 
 
-def rotate(array, degrees: int):
-    """Rotates an array by 90, 180 or 270 degrees counter-clockwise."""
-    if degrees not in (90, 180, 270):
-        _bad("degrees must be 90, 180 or 270")
-    return _imagelib.rotate(_pixels(array), int(degrees))
+_INTERPOLATIONS = {"nearest": 0, "bilinear": 1, "bicubic": 2}
+
+
+def _warp_options(array, background, interpolate):
+    if interpolate not in _INTERPOLATIONS:
+        _bad("interpolate must be nearest, bilinear or bicubic")
+    channels = 1 if array.ndim == 2 else array.shape[2]
+    if background is None:
+        values = [0] * channels
+    elif isinstance(background, int):
+        values = [background]
+    else:
+        values = [int(v) for v in background]
+        if channels == 4 and len(values) == 3:
+            values.append(255)
+    if len(values) != channels or any(v < 0 or v > 255 for v in values):
+        _bad(f"background must be {channels} value(s) 0..255 for this array")
+    return bytes(values), _INTERPOLATIONS[interpolate]
+
+
+def rotate(array, degrees: float, background=None, interpolate: str = "bilinear"):
+    """Rotates an array counter-clockwise by any number of degrees.
+
+    90, 180 and 270 (and their equivalents) are exact quarter turns; other
+    angles give the bounding box of the turned picture, with `background`
+    ((r, g, b), (r, g, b, a), or an index for (h, w) arrays; default zeros)
+    where the picture does not reach. (h, w) arrays are turned by nearest
+    neighbour.
+    """
+    pixels = _pixels(array)
+    bg, code = _warp_options(pixels, background, interpolate)
+    return _imagelib.rotate(pixels, float(degrees), bg, code)
+
+
+def warp(array, matrix, size, background=None, interpolate: str = "bilinear"):
+    """Warps an array by the affine matrix (a, b, c, d, e, f), which maps a
+    source point (x, y) to (a x + c y + e, b x + d y + f), pixel centres at
+    half-integers, into an array of size=(w, h). background and interpolate
+    as for rotate."""
+    pixels = _pixels(array)
+    bg, code = _warp_options(pixels, background, interpolate)
+    m = [float(v) for v in matrix]
+    if len(m) != 6:
+        _bad("matrix must hold six numbers")
+    return _imagelib.warp(pixels, m, _size(size), bg, code)
 
 
 def mirror(array, axis: str):

@@ -569,10 +569,13 @@ py::array resize(const py::array& pixels, const py::tuple& size) {
     return out;
 }
 
-py::array rotate(const py::array& pixels, int angle) {
-    if (angle != 90 && angle != 180 && angle != 270) fail(IMGERR_BADARG);
+// background: the bytes of one pixel of the array's layout (zeros when
+// shorter); interp: an IMAGEWARP_ code.
+py::array rotate(const py::array& pixels, double degrees, const std::string& background, int interp) {
     Bytes a = pixels.cast<Bytes>();
     const int layout = layoutOf(a);
+    uint8_t bg[4] = {};
+    std::memcpy(bg, background.data(), background.size() < 4 ? background.size() : 4);
     LibImage r;
     r.size = sizeOf(a);
     r.layout = layout;
@@ -580,7 +583,30 @@ py::array rotate(const py::array& pixels, int angle) {
     {
         py::gil_scoped_release nogil;
         // The source is only read: a result pointer of its own keeps it.
-        st = korImage_rotate(&r.p, &r.size, const_cast<uint8_t*>(a.data()), &r.size, layout, angle, nullptr);
+        st = korImage_rotateAngle(&r.p, &r.size, const_cast<uint8_t*>(a.data()), &r.size, layout, degrees, interp,
+                                  bg, nullptr);
+    }
+    if (st != 0) fail(st);
+    return adopt(r, channelsOf(layout));
+}
+
+py::array warp(const py::array& pixels, const py::sequence& matrix, const py::tuple& size,
+               const std::string& background, int interp) {
+    if (matrix.size() != 6) fail(IMGERR_BADARG);
+    double m[6];
+    for (size_t i = 0; i < 6; ++i) m[i] = matrix[i].cast<double>();
+    Bytes a = pixels.cast<Bytes>();
+    const int layout = layoutOf(a);
+    const ImageSize s = sizeOf(a), to = sizeArg(size);
+    uint8_t bg[4] = {};
+    std::memcpy(bg, background.data(), background.size() < 4 ? background.size() : 4);
+    LibImage r;
+    r.size = to;
+    r.layout = layout;
+    int st;
+    {
+        py::gil_scoped_release nogil;
+        st = korImage_warp(&r.p, &to, a.data(), &s, layout, m, interp, bg, nullptr);
     }
     if (st != 0) fail(st);
     return adopt(r, channelsOf(layout));
@@ -765,6 +791,7 @@ PYBIND11_MODULE(_imagelib, m) {
     m.def("quantize", &quantize);
     m.def("resize", &resize);
     m.def("rotate", &rotate);
+    m.def("warp", &warp);
     m.def("mirror", &mirror);
 
     py::class_<RowReader>(m, "RowReader")

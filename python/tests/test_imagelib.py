@@ -139,7 +139,8 @@ def test_refusals_raise_with_the_library_status(tmp_path):
         (lambda: imagelib.rows(tmp_path / "missing.tga"), None),
         (lambda: imagelib.write(tmp_path / "x.bmp", rgb.astype(np.float32)), -126),
         (lambda: imagelib.write(tmp_path / "x.bmp", rgb, mode="purple"), -126),
-        (lambda: imagelib.rotate(rgb, 45), -126),
+        (lambda: imagelib.rotate(rgb, 45, interpolate="cubic"), -126),
+        (lambda: imagelib.warp(rgb, (1, 2, 2, 4, 0, 0), (5, 5)), -126),
         (lambda: imagelib.resize(rgb, (0, 3)), -126),
         (lambda: imagelib.read(tmp_path / "x.bmp", layout="cmyk"), -126),
     ]
@@ -203,3 +204,20 @@ def test_pixel_operations():
     assert i.shape == rgb.shape[:2] and len(p) <= 16 and i.max() < len(p)
     near = np.abs(p[imagelib.quantize(rgb, colours=16, dither=False)[0]].astype(int) - rgb).mean()
     assert near < 40
+
+
+def test_rotate_any_angle_and_warp():
+    rgb = picture()
+    h, w = rgb.shape[:2]
+    for a in (rgb, rgb[:, :, 0], np.dstack([rgb, rgb[:, :, :1]])):
+        # Quarter turns stay exact whatever the filter; 0 is a copy.
+        assert np.array_equal(imagelib.rotate(a, -90, interpolate="bicubic"), np.rot90(a, 3))
+        assert np.array_equal(imagelib.rotate(a, 0.0), a)
+        turned = imagelib.rotate(a, 30, background=7 if a.ndim == 2 else (7,) * a.shape[2])
+        r = np.radians(30)
+        assert turned.shape[:2] == (np.ceil(w * np.sin(r) + h * np.cos(r)), np.ceil(w * np.cos(r) + h * np.sin(r)))
+        assert (turned[0, 0] == 7).all() and (turned[-1, -1] == 7).all()
+        # A whole-pixel translation shifts exactly; the rest is background.
+        moved = imagelib.warp(a, (1, 0, 0, 1, 3, -2), (w, h), interpolate="bicubic")
+        assert np.array_equal(moved[:-2, 3:], a[2:, :-3])
+        assert not moved[-2:].any() and not moved[:, :3].any()

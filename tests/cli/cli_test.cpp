@@ -44,7 +44,8 @@ TEST_F(Cli, HelpVersionAndUsageErrors) {
     EXPECT_EQ(cli("--version", &out), 0);
     EXPECT_EQ(out.rfind("imagelib ", 0), 0u);
     for (const char* args : {"", "frobnicate", "type", "type a b", "formats --xml"}) EXPECT_EQ(cli(args), 2) << args;
-    for (const char* args : {"", " x.tga --mode purple", " x.tga --rotate 45", " x.tga --size 0x3", " x.tga --bogus"})
+    for (const char* args : {"", " x.tga --mode purple", " x.tga --rotate 4x5", " x.tga --size 0x3", " x.tga --bogus",
+                             " x.tga --background #12345", " x.tga --interpolate cubic", " x.tga --affine 1,0,0,1,2"})
         EXPECT_EQ(cli("convert " + in + args), 2) << args;
 }
 
@@ -99,6 +100,14 @@ TEST_F(Cli, ConvertGeometryOptions) {
     EXPECT_EQ(converted("--mirror v"), px(0, 1) + px(1, 1) + px(2, 1) + px(0, 0) + px(1, 0) + px(2, 0));
     EXPECT_EQ(converted("--crop 1,0,2,1"), px(1, 0) + px(2, 0) + px(1, 1) + px(2, 1));
     EXPECT_EQ(converted("--size 6x4").size(), 6u * 4 * 3);
+    // Any angle: whole turns are the quarter turns; a whole-pixel shift moves exactly and
+    // uncovers the background.
+    EXPECT_EQ(converted("--rotate -270 --interpolate bicubic"), converted("--rotate 90"));
+    const std::string bg = "\x09\x08\x07";
+    EXPECT_EQ(converted("--affine 1,0,0,1,1,0 --background 9,8,7"), bg + px(0, 0) + px(1, 0) + bg + px(0, 1) + px(1, 1));
+    EXPECT_EQ(converted("--affine 1,0,0,1,0,-1 --background '#090807' --interpolate nearest"),
+              px(0, 1) + px(1, 1) + px(2, 1) + bg + bg + bg);
+    EXPECT_EQ(converted("--rotate 45").size(), 4u * 4 * 3);  // ceil(3 cos 45 + 2 sin 45) = 4
     EXPECT_EQ(cli("convert " + in + " " + d.file("c.ppm") + " --crop 0,0,3,1"), 1);  // outside the image
 }
 

@@ -10,6 +10,7 @@
 #include "cli.h"
 #include "image.h"
 #include "output.h"
+#include "transform.h"
 
 namespace cli {
 
@@ -119,7 +120,8 @@ int cmdInfo(const Args& args) {
 
 int cmdConvert(const Args& args) {
     std::string in, out;
-    int type = -1, mode = -1, quality = -1, compression = -1, angle = 0, mirrorMode = -1;
+    int type = -1, mode = -1, quality = -1, compression = -1, mirrorMode = -1;
+    WarpOptions warp;
     ImageSize size{};
     double rect[4];
     bool haveSize = false, haveCrop = false;
@@ -149,8 +151,17 @@ int cmdConvert(const Args& args) {
             if (!value(v) || !parseSize(v, size)) return usage("convert: --size takes WxH");
             haveSize = true;
         } else if (a == "--rotate") {
-            if (!value(v) || !parseInt(v, angle) || (angle != 90 && angle != 180 && angle != 270))
-                return usage("convert: --rotate takes 90, 180 or 270");
+            if (!value(v) || !parseDegrees(v, &warp.degrees)) return usage("convert: --rotate takes degrees");
+            warp.rotate = true;
+        } else if (a == "--background") {
+            if (!value(v) || !parseColour(v, warp.background))
+                return usage("convert: --background takes #rrggbb or r,g,b");
+        } else if (a == "--interpolate") {
+            if (!value(v) || !parseInterpolation(v, &warp.interpolation))
+                return usage("convert: --interpolate takes nearest, bilinear or bicubic");
+        } else if (a == "--affine") {
+            if (!value(v) || !parseMatrix(v, warp.matrix)) return usage("convert: --affine takes a,b,c,d,e,f");
+            warp.affine = true;
         } else if (a == "--mirror") {
             if (!value(v) || (v != "v" && v != "h")) return usage("convert: --mirror takes v or h");
             mirrorMode = v == "v" ? 0 : 1;
@@ -190,7 +201,7 @@ int cmdConvert(const Args& args) {
     int st = loadImage(in, img, false, stop);
     if (st == 0 && haveCrop) st = crop(img, rect, stop);
     if (st == 0 && haveSize) st = resize(img, size, stop);
-    if (st == 0 && angle) st = rotate(img, angle, stop);
+    if (st == 0) st = transform(img, warp, stop);
     if (st == 0 && mirrorMode >= 0) st = mirror(img, mirrorMode, stop);
     if (st != 0) {
         progressDone();

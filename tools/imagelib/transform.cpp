@@ -1,0 +1,107 @@
+// convert --rotate DEG, --affine, --background and --interpolate.
+#include "transform.h"
+
+#include <cmath>
+#include <cstdlib>
+
+namespace cli {
+
+namespace {
+
+bool parseNumber(const std::string& s, double* v) {
+    char* end;
+    const double d = std::strtod(s.c_str(), &end);
+    if (s.empty() || *end || !std::isfinite(d)) return false;
+    *v = d;
+    return true;
+}
+
+// The palette entry nearest the colour (squared distance).
+uint8_t nearestIndex(const Image& img, const uint8_t rgb[3]) {
+    const int count = img.count > 0 && img.count <= 256 ? img.count : 256;
+    int best = 0;
+    long bestDistance = -1;
+    for (int i = 0; i < count; ++i) {
+        const long dr = img.red[i] - rgb[0], dg = img.green[i] - rgb[1], db = img.blue[i] - rgb[2];
+        const long d = dr * dr + dg * dg + db * db;
+        if (bestDistance < 0 || d < bestDistance) best = i, bestDistance = d;
+    }
+    return uint8_t(best);
+}
+
+// One step: a rotation (matrix null) or a warp into the image's size.
+int step(Image& img, const WarpOptions& o, const double* matrix, StopFunction stop) {
+    if (!matrix) {
+        double turn = std::fmod(o.degrees, 360.0);
+        if (turn < 0) turn += 360.0;
+        if (turn == 0) return 0;
+        // Quarter turns keep every layout as it is.
+        if (turn == 90 || turn == 180 || turn == 270) return rotate(img, int(turn), stop);
+    }
+    uint8_t bg[4] = {o.background[0], o.background[1], o.background[2], 255};
+    if (img.layout != IMAGEFORMAT_RGB && img.layout != IMAGEFORMAT_RGB2 && img.layout != IMAGEFORMAT_RGBA)
+        bg[0] = nearestIndex(img, o.background);  // palette images and bitmaps
+    void* out = nullptr;
+    ImageSize size = img.size;
+    int st = matrix ? korImage_warp(&out, &size, img.buffer, &img.size, img.layout, matrix, o.interpolation, bg, stop)
+                    : korImage_rotateAngle(&out, &size, img.buffer, &img.size, img.layout, o.degrees,
+                                           o.interpolation, bg, stop);
+    if (st != 0) return st > 0 ? IMGERR_STOPPED : st;
+    img.replace(out, size, img.layout);
+    return 0;
+}
+
+}  // namespace
+
+bool parseColour(const std::string& s, uint8_t rgb[3]) {
+    if (s.size() == 7 && s[0] == '#') {
+        char* end;
+        const long v = std::strtol(s.c_str() + 1, &end, 16);
+        if (*end || v < 0) return false;
+        rgb[0] = uint8_t(v >> 16), rgb[1] = uint8_t(v >> 8), rgb[2] = uint8_t(v);
+        return true;
+    }
+    size_t at = 0;
+    for (int i = 0; i < 3; ++i) {
+        const size_t comma = s.find(',', at);
+        if ((comma == std::string::npos) != (i == 2)) return false;
+        const std::string part = s.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
+        char* end;
+        const long v = std::strtol(part.c_str(), &end, 10);
+        if (part.empty() || *end || v < 0 || v > 255) return false;
+        rgb[i] = uint8_t(v);
+        at = comma + 1;
+    }
+    return true;
+}
+
+bool parseInterpolation(const std::string& s, int* code) {
+    if (s == "nearest") *code = IMAGEWARP_NEAREST;
+    else if (s == "bilinear") *code = IMAGEWARP_BILINEAR;
+    else if (s == "bicubic") *code = IMAGEWARP_BICUBIC;
+    else return false;
+    return true;
+}
+
+bool parseDegrees(const std::string& s, double* degrees) { return parseNumber(s, degrees); }
+
+bool parseMatrix(const std::string& s, double m[6]) {
+    size_t at = 0;
+    for (int i = 0; i < 6; ++i) {
+        const size_t comma = s.find(',', at);
+        if ((comma == std::string::npos) != (i == 5)) return false;
+        if (!parseNumber(s.substr(at, comma == std::string::npos ? std::string::npos : comma - at), &m[i]))
+            return false;
+        at = comma + 1;
+    }
+    return true;
+}
+
+int transform(Image& img, const WarpOptions& options, StopFunction stop) {
+    if (options.rotate)
+        if (int st = step(img, options, nullptr, stop)) return st;
+    if (options.affine) return step(img, options, options.matrix, stop);
+    return 0;
+}
+
+}  // namespace cli
