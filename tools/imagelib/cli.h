@@ -34,5 +34,6 @@ int cmdInfo(const Args& args);
 int cmdConvert(const Args& args);
 int cmdDemo(const Args& args);
 int cmdMovie(const Args& args);
+int cmdThumbnail(const Args& args);
 
 }  // namespace cli

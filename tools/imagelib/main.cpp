@@ -26,8 +26,17 @@ const Command kCommands[] = {
      "      --size WxH                 resample to this size\n"
      "      --rotate 90|180|270        quarter turns, counter-clockwise\n"
      "      --mirror v|h               v: top to bottom, h: left to right\n"
+     "      --transparent COLOR[,TOL]  pixels within TOL (default 0) of COLOR (#rrggbb or r,g,b) become\n"
+     "                                 transparent; written with alpha (PNG, TIFF, Targa, BMP) or as\n"
+     "                                 the GIF transparent index\n"
+     "      --thumbnail WxH            read IN reduced to fit WxH (aspect kept, never enlarged)\n"
      "    IN or OUT may be binary PPM/PGM/PBM/PAM (.ppm .pgm .pbm .pam .pnm) for comparison with other tools",
      cmdConvert},
+    {"thumbnail",
+     "thumbnail IN... --size N --to DIR [--type T]\n"
+     "                               one thumbnail fitting N x N a file, written as DIR/<name>.<extension\n"
+     "                               of type T> (default 28, PNG)",
+     cmdThumbnail},
     {"movie",
      "movie OUT [--delay TICKS] FRAME...\n"
      "                               frames (image files of one size) into a FLI, FLC or AVI movie by OUT's\n"
