@@ -771,6 +771,45 @@ int imageGif_readInfo(ImageSize* size, int* transparentIndex, const char* path) 
     return 0;
 }
 
+namespace {
+
+// When the opaque pixels of rows of four planes hold at most 255 colours:
+// those colours in red, green, blue (in order of first use) and the map of
+// indices 1.. for opaque pixels, 0 for transparent ones.
+bool exactColours(const uint8_t* rgba, const ImageSize* size, uint8_t* map, uint8_t* red, uint8_t* green,
+                  uint8_t* blue, int* count) {
+    const size_t w = size_t(size->x), h = size_t(size->y);
+    // An open-addressing table of colour keys (0 = empty, else key + 1).
+    constexpr size_t kSlots = 1024;
+    uint32_t keys[kSlots] = {};
+    uint8_t index[kSlots] = {};
+    int n = 0;
+    for (size_t y = 0; y < h; ++y) {
+        const uint8_t* s = rgba + 4 * w * y;
+        uint8_t* d = map + w * y;
+        for (size_t x = 0; x < w; ++x) {
+            if (s[3 * w + x] < 128) {
+                d[x] = 0;
+                continue;
+            }
+            const uint32_t key = (uint32_t(s[x]) | uint32_t(s[w + x]) << 8 | uint32_t(s[2 * w + x]) << 16) + 1;
+            size_t slot = (key * 2654435761u) >> 22;
+            while (keys[slot] && keys[slot] != key) slot = (slot + 1) & (kSlots - 1);
+            if (!keys[slot]) {
+                if (n == 255) return false;
+                keys[slot] = key;
+                red[n] = s[x], green[n] = s[w + x], blue[n] = s[2 * w + x];
+                index[slot] = uint8_t(++n);
+            }
+            d[x] = index[slot];
+        }
+    }
+    *count = n;
+    return true;
+}
+
+}  // namespace
+
 int imageGif_writeFromRGBA(const char* path, const uint8_t* rgba, const ImageSize* size, StopFunction stop) noexcept {
     if (!rgba || !writableSize(size)) return IMGERR_BADARG;
     const size_t w = size_t(size->x), h = size_t(size->y);
@@ -802,11 +841,14 @@ int imageGif_writeFromRGBA(const char* path, const uint8_t* rgba, const ImageSiz
     // pixel, for readers that ignore transparency); the opaque pixels use
     // at most 255 optimised colours after it.
     uint8_t red[256] = {}, green[256] = {}, blue[256] = {};
+    red[0] = hidden[0], green[0] = hidden[1], blue[0] = hidden[2];
     int count = 0;
+    if (exactColours(rgba, size, map.get(), red + 1, green + 1, blue + 1, &count))
+        return imageGif_writeFromMap(path, map.get(), red, green, blue, count + 1, size, COLORMODE_PALETTE256, 0,
+                                     stop);
     if (int st = korImage_getOptimizedPalette(red + 1, green + 1, blue + 1, &count, 255, rgb.get(), size, stop))
         return st;
     if (count < 1) return IMGERR_NOMEMORY;
-    red[0] = hidden[0], green[0] = hidden[1], blue[0] = hidden[2];
     {
         il::DitherJob job;
         if (int st = korImage_ditherInitialize(count, red + 1, green + 1, blue + 1, int(w))) return st;

@@ -93,7 +93,8 @@ int imageGif_readInfo(ImageSize* size, int* transparentIndex, const char* path) 
 
 // Writes rows of four planes (red, green, blue, alpha) as a GIF89a palette
 // file whose index 0 is the transparent entry: pixels with alpha below 128
-// take index 0, the others at most 255 optimised, dithered colours. The
+// take index 0, the others their own colours when there are at most 255 of
+// them, else 255 optimised, dithered colours. The
 // transparent entry holds the colour of the first transparent pixel.
 // Results as imageGif_writeFromMap.
 int imageGif_writeFromRGBA(const char* path, const uint8_t* rgba, const ImageSize* size, StopFunction stop) noexcept;
