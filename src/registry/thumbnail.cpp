@@ -66,6 +66,7 @@ int korImage_readThumbnail(uint8_t** rgb, ImageSize* outSize, const char* path, 
     uint8_t* p = nullptr;
     ImageSize got{};
     int st;
+    const bool reduced = known && (type == 18 || type == 1 || type == 2);
     if (known && type == 18) {  // JPEG: reduced while decoding
         st = jpegFile_readScaled(&p, &got, path, jpegReduction(file, thumb), stop);
     } else if (known && (type == 1 || type == 2)) {  // streamed rows, scaled as they come
@@ -83,8 +84,9 @@ int korImage_readThumbnail(uint8_t** rgb, ImageSize* outSize, const char* path, 
     }
     if (st != 0) return st;
     img.reset(p, got, IMAGEFORMAT_RGB);
-    // Where the header could not tell the size, the pixels do.
-    if (!known)
+    // A whole read: the size of the pixels themselves decides (the header
+    // may not tell it, or tell it before the picture was turned upright).
+    if (!reduced)
         if (int s = korImage_thumbnailSize(&thumb, &got, box)) return s;
     if (got.x != thumb.x || got.y != thumb.y) {
         void* out = nullptr;

@@ -81,6 +81,29 @@ TEST(Alpha, RoundTripsThroughEveryWriterThatKeepsIt) {
                     for (size_t c = 0; c < 3; ++c) ASSERT_EQ(out.p[row + c * size.x + x], src[row + c * size.x + x]);
             }
     }
+    // More colours than a GIF palette holds: alpha still exact, colours
+    // through an optimised palette.
+    {
+        const ImageSize big{40, 30};
+        const Bytes rgb = gradient(big.x, big.y);
+        Bytes planes(size_t(big.x) * big.y * 4);
+        for (size_t y = 0; y < size_t(big.y); ++y) {
+            std::memcpy(&planes[y * 4 * big.x], &rgb[y * 3 * big.x], 3 * size_t(big.x));
+            for (size_t x = 0; x < size_t(big.x); ++x) planes[y * 4 * big.x + 3 * big.x + x] = x < 5 ? 0 : 255;
+        }
+        const std::string f = d.file("many.gif");
+        ASSERT_EQ(korImage_extCreateFileFromRGB(f.c_str(), 7, COLORMODE_RGBA, &big, planes.data(), 0, 0, nullptr), 0);
+        Freed out;
+        ASSERT_EQ(korImage_readFileToRGBA(&out.p, nullptr, f.c_str(), -1, nullptr, 1, 0, nullptr), 0);
+        double diff = 0;
+        for (size_t y = 0; y < size_t(big.y); ++y) {
+            const size_t row = y * 4 * big.x;
+            EXPECT_EQ(std::memcmp(out.p + row + 3 * big.x, &planes[row + 3 * big.x], size_t(big.x)), 0) << y;
+            for (size_t c = 0; c < 3; ++c)
+                diff += meanDiff(out.p + row + c * big.x + 5, &planes[row + c * big.x + 5], size_t(big.x) - 5);
+        }
+        EXPECT_LT(diff / (3 * big.y), 8.0);  // the optimiser's 5-bit cells
+    }
     // GIF: a GIF89a file with the transparent index 0 in its graphic
     // control; BMP: a version 5 header with an alpha mask.
     const Bytes gif = iltest::readFile(d.file("a.gif"));

@@ -813,11 +813,9 @@ bool exactColours(const uint8_t* rgba, const ImageSize* size, uint8_t* map, uint
 int imageGif_writeFromRGBA(const char* path, const uint8_t* rgba, const ImageSize* size, StopFunction stop) noexcept {
     if (!rgba || !writableSize(size)) return IMGERR_BADARG;
     const size_t w = size_t(size->x), h = size_t(size->y);
-    // The colours of the opaque pixels, with every transparent pixel given
-    // the first opaque colour so that it adds nothing to the palette.
-    il::Scratch<uint8_t> rgb(3 * w * h, il::tag("GfAc"));
     il::CallerBuffer<uint8_t> map = il::callerBytes(w * h);
-    if (!rgb.ok() || !map) return IMGERR_NOMEMORY;
+    if (!map) return IMGERR_NOMEMORY;
+    // The first opaque colour, and the colour of the first transparent pixel.
     uint8_t first[3] = {}, hidden[3] = {};
     bool anyOpaque = false, anyHidden = false;
     for (size_t y = 0; y < h; ++y) {
@@ -829,6 +827,19 @@ int imageGif_writeFromRGBA(const char* path, const uint8_t* rgba, const ImageSiz
             if (!any) seen[0] = s[x], seen[1] = s[w + x], seen[2] = s[2 * w + x], any = true;
         }
     }
+    // Entry 0 is the transparent one (the colour of the first transparent
+    // pixel, for readers that ignore transparency); the opaque pixels use
+    // their own colours after it when there are at most 255 of them.
+    uint8_t red[256] = {}, green[256] = {}, blue[256] = {};
+    red[0] = hidden[0], green[0] = hidden[1], blue[0] = hidden[2];
+    int count = 0;
+    if (exactColours(rgba, size, map.get(), red + 1, green + 1, blue + 1, &count))
+        return imageGif_writeFromMap(path, map.get(), red, green, blue, count + 1, size, COLORMODE_PALETTE256, 0,
+                                     stop);
+    // Else 255 optimised colours of the opaque pixels, every transparent
+    // pixel given the first opaque colour so that it adds nothing.
+    il::Scratch<uint8_t> rgb(3 * w * h, il::tag("GfAc"));
+    if (!rgb.ok()) return IMGERR_NOMEMORY;
     for (size_t y = 0; y < h; ++y) {
         const uint8_t* s = rgba + 4 * w * y;
         uint8_t* d = rgb.get() + 3 * w * y;
@@ -837,15 +848,6 @@ int imageGif_writeFromRGBA(const char* path, const uint8_t* rgba, const ImageSiz
             for (size_t c = 0; c < 3; ++c) d[c * w + x] = opaque ? s[c * w + x] : first[c];
         }
     }
-    // Entry 0 is the transparent one (the colour of the first transparent
-    // pixel, for readers that ignore transparency); the opaque pixels use
-    // at most 255 optimised colours after it.
-    uint8_t red[256] = {}, green[256] = {}, blue[256] = {};
-    red[0] = hidden[0], green[0] = hidden[1], blue[0] = hidden[2];
-    int count = 0;
-    if (exactColours(rgba, size, map.get(), red + 1, green + 1, blue + 1, &count))
-        return imageGif_writeFromMap(path, map.get(), red, green, blue, count + 1, size, COLORMODE_PALETTE256, 0,
-                                     stop);
     if (int st = korImage_getOptimizedPalette(red + 1, green + 1, blue + 1, &count, 255, rgb.get(), size, stop))
         return st;
     if (count < 1) return IMGERR_NOMEMORY;
