@@ -103,8 +103,9 @@ TEST_F(AlphaThumbInterop, TransparentColourHasAlphaZeroExactlyThere) {
                 for (int c = 0; c < 3; ++c) within &= std::abs(s[c] - key.colour[c]) <= key.tolerance;
                 ASSERT_EQ(got.samples[4 * i + 3], within ? 0 : 255) << "pixel " << i;
                 clear += within;
-                if (!within)
+                if (!within) {
                     for (int c = 0; c < 3; ++c) ASSERT_EQ(got.samples[4 * i + c], s[c]) << "pixel " << i;
+                }
             }
             EXPECT_GT(clear, 0);
         }

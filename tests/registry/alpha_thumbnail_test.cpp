@@ -77,8 +77,9 @@ TEST(Alpha, RoundTripsThroughEveryWriterThatKeepsIt) {
             for (size_t x = 0; x < size_t(size.x); ++x) {
                 const size_t row = y * 4 * size.x, a = row + 3 * size.x + x;
                 ASSERT_EQ(out.p[a], src[a]) << x << "," << y;
-                if (src[a])
+                if (src[a]) {
                     for (size_t c = 0; c < 3; ++c) ASSERT_EQ(out.p[row + c * size.x + x], src[row + c * size.x + x]);
+                }
             }
     }
     // More colours than a GIF palette holds: alpha still exact, colours
