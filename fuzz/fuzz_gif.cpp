@@ -42,6 +42,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             korImage_freeImage(map, &s, packed ? IMAGEFORMAT_PACKBYTE : IMAGEFORMAT_MAP);
     }
 
+    ImageSize headerSize{};
+    int transparent = -1;
+    (void)imageGif_readInfo(&headerSize, &transparent, path.c_str());
+
     Cursor raw{data, size, 0};
     std::vector<uint8_t> pixels;
     (void)imageGif_decode(nextByte, &raw, takePixel, &pixels);

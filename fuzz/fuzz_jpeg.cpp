@@ -1,5 +1,5 @@
 // Arbitrary bytes through the JPEG header reader, the detector and the
-// whole-image reader (colour, grey plain and PackByte rows).
+// whole-image reader (colour, grey plain and PackByte rows, reduced reads).
 #include "codecs/libs/jpeg.h"
 #include "harness_support.h"
 #include "imagelib/imagelib.h"
@@ -18,6 +18,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (jpegFile_read(&out, &s, r, g, b, &count, p, packed, 0, 0, 256, nullptr) == 0)
             korImage_freeImage(out, &s,
                                count == 0 ? IMAGEFORMAT_RGB : packed ? IMAGEFORMAT_PACKBYTE : IMAGEFORMAT_MAP);
+    }
+    // The decoder's own reductions.
+    for (int denom : {2, 8}) {
+        uint8_t* rgb = nullptr;
+        if (jpegFile_readScaled(&rgb, &s, p, denom, nullptr) == 0) korImage_freeImage(rgb, &s, IMAGEFORMAT_RGB);
     }
     return 0;
 }

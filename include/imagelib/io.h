@@ -99,6 +99,17 @@ IMAGELIB_API int korImage_readFileToRGB(uint8_t** rgb, ImageSize* outSize, const
 IMAGELIB_API int korImage_readFileToRGBA(uint8_t** out, ImageSize* outSize, const char* path, int type,
                                          const ImageSize* requested, int separatePlanes, int useBackground,
                                          StopFunction stop) IMAGELIB_NOEXCEPT;
+/* Reads a file to row-planar RGB (layout 5) that fits within box: the largest scale at which both sides
+   fit, aspect kept, sides rounded to nearest and at least 1, never enlarged. The reader's own reduction
+   (the JPEG decoder's 1/2, 1/4, 1/8 scaling, the streaming rows' scaling) comes before an area-averaging
+   reduction, so that memory stays close to the thumbnail's. Statuses as korImage_readFileToRGB; a stop
+   gives IMGERR_STOPPED and no image. */
+IMAGELIB_API int korImage_readThumbnail(uint8_t** rgb, ImageSize* outSize, const char* path, int type,
+                                        const ImageSize* box, StopFunction stop) IMAGELIB_NOEXCEPT;
+/* The size of the thumbnail of an image of size image within box (the rule of korImage_readThumbnail).
+   IMGERR_BADARG for null pointers or sizes not positive. */
+IMAGELIB_API int korImage_thumbnailSize(ImageSize* thumb, const ImageSize* image,
+                                        const ImageSize* box) IMAGELIB_NOEXCEPT;
 
 /* PackByte rows (layout 8) and palette (256-byte arrays). True-colour files
    are reduced to an optimised palette of 256 colours and dithered. A

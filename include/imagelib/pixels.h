@@ -160,6 +160,29 @@ IMAGELIB_API int korImage_getOptimizedPalette(uint8_t* red, uint8_t* green, uint
                                               StopFunction stop) IMAGELIB_NOEXCEPT;
 /* (end of palette) */
 
+/* ==== mask: transparency masks ==== */
+/* A transparency mask is a bitmap (layout 1, rows of (x + 7) >> 3 bytes, most significant bit first) whose
+   set bits mark transparent pixels. The mask makers fill a caller buffer of korImage_memorySize(size, 1)
+   bytes, poll the stop function once a row and return its nonzero answer; IMGERR_BADARG for a null
+   pointer, an empty size or a value out of range, IMGERR_BADIMAGEFORMAT for a layout they do not take. */
+/* Set where every one of red, green and blue differs from colour (3 bytes) by at most tolerance (0 or
+   more). imageFormat: 5 row-planar RGB, 6 interleaved RGB, 7 interleaved RGBA (alpha ignored). */
+IMAGELIB_API int korImage_makeColourMask(uint8_t* mask, const void* image, const ImageSize* size, int imageFormat,
+                                         const uint8_t* colour, int tolerance, StopFunction stop) IMAGELIB_NOEXCEPT;
+/* Set where a byte map (layout 3) holds index (0..255). */
+IMAGELIB_API int korImage_makeIndexMask(uint8_t* mask, const uint8_t* map, const ImageSize* size, int index,
+                                        StopFunction stop) IMAGELIB_NOEXCEPT;
+/* Set where alpha is below threshold (0..256; 256 makes every pixel transparent, 0 none). imageFormat: 7
+   interleaved RGBA, or 5 for row-planar rows of four planes (red, green, blue, alpha). */
+IMAGELIB_API int korImage_makeAlphaMask(uint8_t* mask, const uint8_t* image, const ImageSize* size,
+                                        int imageFormat, int threshold, StopFunction stop) IMAGELIB_NOEXCEPT;
+/* Row-planar RGB plus a mask to RGBA of x * y * 4 bytes: interleaved (layout 7), or with separatePlanes
+   rows of four planes as the writers take them in colour mode 6. Alpha is 0 where the mask is set, 255
+   elsewhere. */
+IMAGELIB_API int korImage_applyMask(uint8_t* rgba, const uint8_t* rgb, const ImageSize* size, const uint8_t* mask,
+                                    int separatePlanes, StopFunction stop) IMAGELIB_NOEXCEPT;
+/* (end of mask) */
+
 IMAGELIB_EXTERN_C_END
 
 #endif

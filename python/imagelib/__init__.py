@@ -27,6 +27,7 @@ from . import _imagelib
 __all__ = [
     "Image", "ImagelibError", "formats", "file_type", "info", "read", "write", "convert",
     "quantize", "resize", "rotate", "warp", "mirror", "rows", "RowWriter", "status_text", "MODES",
+    "thumbnail", "transparent",
 ]
 
 __version__ = _imagelib.version()
@@ -370,6 +371,24 @@ def mirror(array, axis: str):
     if axis not in ("h", "v"):
         _bad("axis must be 'h' or 'v'")
     return _imagelib.mirror(_pixels(array), axis == "h")
+
+
+def thumbnail(path, size) -> np.ndarray:
+    """Reads a file reduced to fit size=(w, h) or a number for a square box:
+    aspect kept, never enlarged, (h, w, 3). Large JPEG files are reduced by
+    the decoder, so memory stays close to the thumbnail's."""
+    if isinstance(size, int):
+        size = (size, size)
+    return _imagelib.thumbnail(_path(path), _size(size))
+
+
+def transparent(rgb, colour, *, tolerance: int = 0) -> np.ndarray:
+    """Makes the pixels of an (h, w, 3) image within tolerance of colour
+    (r, g, b) on every channel transparent: (h, w, 4) with alpha 0 there and
+    255 elsewhere."""
+    if not 0 <= int(tolerance) <= 255:
+        _bad("tolerance must be 0..255")
+    return _imagelib.transparent(_pixels(rgb, ndims=(3,)), tuple(int(c) for c in colour), int(tolerance))
 
 
 class _Rows:

@@ -629,6 +629,55 @@ py::array mirror(const py::array& pixels, bool leftRight) {
     return out;
 }
 
+// The thumbnail of a file within box (w, h), as (h, w, 3).
+py::array thumbnail(const std::string& path, const py::tuple& box) {
+    const ImageSize b = sizeArg(box);
+    int type;
+    {
+        py::gil_scoped_release nogil;
+        type = cli::fileTypeOf(path);
+    }
+    if (type < 0) type = fileType(path);
+    LibImage img;
+    img.layout = IMAGEFORMAT_RGB;
+    int st;
+    {
+        py::gil_scoped_release nogil;
+        uint8_t* p = nullptr;
+        st = korImage_readThumbnail(&p, &img.size, path.c_str(), type, &b, nullptr);
+        img.p = p;
+    }
+    if (st != 0) fail(st, path);
+    return toArray(img);
+}
+
+// (h, w, 3) to (h, w, 4) with alpha 0 where every channel is within
+// tolerance of colour, 255 elsewhere.
+py::array transparent(const py::array& pixels, const py::tuple& colour, int tolerance) {
+    Bytes a = pixels.cast<Bytes>();
+    if (layoutOf(a) != IMAGEFORMAT_RGB2 || colour.size() != 3) fail(IMGERR_BADARG);
+    const ImageSize s = sizeOf(a);
+    uint8_t key[3];
+    for (int i = 0; i < 3; ++i) {
+        const long v = colour[size_t(i)].cast<long>();
+        if (v < 0 || v > 255) fail(IMGERR_BADARG);
+        key[i] = uint8_t(v);
+    }
+    Bytes out = newArray(s, 4);
+    uint8_t* dst = out.mutable_data();
+    const uint8_t* src = a.data();
+    int st;
+    {
+        py::gil_scoped_release nogil;
+        std::vector<uint8_t> mask(size_t(korImage_memorySize(&s, IMAGEFORMAT_BITMAP)));
+        std::vector<uint8_t> planes = toPlanes(src, s, IMAGEFORMAT_RGB2);
+        st = korImage_makeColourMask(mask.data(), src, &s, IMAGEFORMAT_RGB2, key, tolerance, nullptr);
+        if (st == 0) st = korImage_applyMask(dst, planes.data(), &s, mask.data(), 0, nullptr);
+    }
+    if (st != 0) fail(st);
+    return out;
+}
+
 // ---- streaming rows ----------------------------------------------------------------
 
 // Shared by the row reader and writer: the open file, its row size and
@@ -793,6 +842,8 @@ PYBIND11_MODULE(_imagelib, m) {
     m.def("rotate", &rotate);
     m.def("warp", &warp);
     m.def("mirror", &mirror);
+    m.def("thumbnail", &thumbnail);
+    m.def("transparent", &transparent);
 
     py::class_<RowReader>(m, "RowReader")
         .def(py::init<const std::string&, const py::object&>())

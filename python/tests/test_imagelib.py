@@ -221,3 +221,21 @@ def test_rotate_any_angle_and_warp():
         moved = imagelib.warp(a, (1, 0, 0, 1, 3, -2), (w, h), interpolate="bicubic")
         assert np.array_equal(moved[:-2, 3:], a[2:, :-3])
         assert not moved[-2:].any() and not moved[:, :3].any()
+
+
+def test_thumbnail_and_transparent(tmp_path):
+    rgb = picture(300, 120)
+    path = tmp_path / "p.png"
+    imagelib.write(path, rgb)
+    thumb = imagelib.thumbnail(path, 60)
+    assert thumb.shape == (24, 60, 3)
+    assert np.abs(thumb.astype(int) - imagelib.resize(rgb, (60, 24))).mean() < 1
+    assert imagelib.thumbnail(path, (1000, 1000)).shape == rgb.shape  # never enlarged
+    with pytest.raises(imagelib.ImagelibError):
+        imagelib.thumbnail(tmp_path / "missing.png", 10)
+
+    rgba = imagelib.transparent(rgb, rgb[0, 0], tolerance=3)
+    near = (np.abs(rgb.astype(int) - rgb[0, 0]) <= 3).all(axis=2)
+    assert near[0, 0] and not near.all()
+    assert np.array_equal(rgba[:, :, 3], np.where(near, 0, 255))
+    assert np.array_equal(rgba[:, :, :3], rgb)

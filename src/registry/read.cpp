@@ -447,6 +447,52 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
 // Maps a positive "stopped" answer of a conversion to the reader's status.
 int stoppedStatus(int st) { return st > 0 ? IMGERR_STOPPED : st; }
 
+// Transparency that the colour mode of korImage_readFileInfo does not tell:
+// the tRNS chunk (or grey alpha) of a PNG file and the transparent index of
+// a GIF file's first image (-1 when none). *alpha is set when there is any.
+int findTransparency(int type, const char* path, ImageSize* size, bool* alpha, int* gifIndex) {
+    *alpha = false;
+    *gifIndex = -1;
+    if (type == 28) {
+        int t = 0;
+        if (int st = pngFile_readInfo(size, nullptr, path, &t)) return st;
+        *alpha = t != 0;
+    } else if (type == 7) {
+        int st = imageGif_readInfo(size, gifIndex, path);
+        if (st != 0) return st == kGifParseFailure ? IMGERR_BADFILE : st;
+        *alpha = *gifIndex >= 0;
+    }
+    return 0;
+}
+
+// The first image of a GIF file as rows of four planes: alpha 0 at the
+// transparent index, 255 elsewhere.
+int gifDecodeRGBA(const char* path, int index, OwnedImage& img, StopFunction stop) {
+    Palette pal;
+    void* p = nullptr;
+    ImageSize size{};
+    if (int st = imageGif_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 0, stop))
+        return st > 0 ? (st == kGifParseFailure ? IMGERR_BADFILE : IMGERR_STOPPED) : st;
+    OwnedImage map(p, size, IMAGEFORMAT_MAP);
+    size_t bytes = 0;
+    if (!il::imageBytes(size.x, size.y, 4, &bytes)) return IMGERR_BADFILE;
+    il::CallerBuffer<uint8_t> out = il::callerBytes(bytes);
+    if (!out) return IMGERR_NOMEMORY;
+    const size_t w = size_t(size.x);
+    for (size_t y = 0; y < size_t(size.y); ++y) {
+        const uint8_t* m = map.bytes() + w * y;
+        uint8_t* r = out.get() + 4 * w * y;
+        for (size_t x = 0; x < w; ++x) {
+            r[x] = pal.red[m[x]];
+            r[w + x] = pal.green[m[x]];
+            r[2 * w + x] = pal.blue[m[x]];
+            r[3 * w + x] = m[x] == index ? 0 : 255;
+        }
+    }
+    img.reset(out.release(), size, IMAGEFORMAT_RGB);
+    return 0;
+}
+
 }  // namespace
 
 int streamReadImage(uint8_t** out, ImageSize* outSize, const char* path, const ImageSize* requested, bool alpha,
@@ -552,11 +598,18 @@ int korImage_readFileInfoEx(ImageFileInfo* info, const char* path) noexcept {
         r.xResolution = t.xResolution;
         r.yResolution = t.yResolution;
         r.compression = t.compression;
+    } else if (r.type == 7 || r.type == 28) {
+        // Transparency of PNG and GIF files is reported as colour mode 6;
+        // GIF files without it tell nothing before their image is read.
+        bool alpha = false;
+        int index = -1;
+        if (int st = findTransparency(r.type, path, &r.size, &alpha, &index)) return st;
+        if (r.type == 7 && !alpha) return IMGERR_BADFORMAT;
+        if (r.type == 28 && pngFile_readInfo(nullptr, &r.colorMode, path) != 0) return IMGERR_BADFILE;
+        if (alpha) r.colorMode = COLORMODE_RGBA;
     } else if (int st = korImage_readFileInfo(&r.size, &r.colorMode, &r.orientation, path, r.type)) {
         return st;
     }
-    // The Intergraph header reader fills the georeference fields here.
-    if (int st = korImage_readFileInfo(&r.size, &r.colorMode, &r.orientation, path, r.type)) return st;
     // Intergraph rasters: the header type and the georeference.
     {
         int dt = 0, tileDt = 0, resolved = -1;
@@ -590,12 +643,19 @@ int korImage_readFileToRGBA(uint8_t** out, ImageSize* outSize, const char* path,
     if (!out) return IMGERR_BADARG;
     type = resolveType(type, path);
     if (type < 0) return type;
-    int mode = 0;
-    if (int st = korImage_readFileInfo(nullptr, &mode, nullptr, path, type)) return st;
+    int mode = 0, gifIndex = -1;
+    bool transparency = false;
+    if (int st = findTransparency(type, path, nullptr, &transparency, &gifIndex)) return st;
+    if (transparency) mode = COLORMODE_RGBA;
+    else if (type != 7)  // GIF: no header reader, a palette file
+        if (int st = korImage_readFileInfo(nullptr, &mode, nullptr, path, type)) return st;
 
     if (mode == COLORMODE_RGBA) {
         OwnedImage img;
         switch (type) {
+            case 7:
+                if (int st = gifDecodeRGBA(path, gifIndex, img, stop)) return st;
+                break;
             case 2: {
                 uint8_t* p = nullptr;
                 ImageSize size{};

@@ -242,7 +242,9 @@ int korImage_extCreateFileFromRGB(const char* path, int type, int colorMode, con
         case 14: case 15: return imageFlic_writeFromRGB(path, rgb, size, colorMode, type == 15, stop);  // FLI/FLC
         case 11: return imageP_writeFromRGB(path, rgb, size, colorMode, stop);
         case 12: return imageA_writeFromRGB(path, rgb, size, stop);  // not given the colour mode
-        case 7: return imageGif_writeFromRGB(path, rgb, size, colorMode, stop);  // not listed for export, on purpose
+        case 7:  // not listed for export, on purpose; alpha as the transparent index
+            return colorMode == COLORMODE_RGBA ? imageGif_writeFromRGBA(path, rgb, size, stop)
+                                               : imageGif_writeFromRGB(path, rgb, size, colorMode, stop);
         case 4: return imagePict_writeFromRGB(path, rgb, size, colorMode, stop);
         case 6: return imageEps_writeFromRGB(path, rgb, size, colorMode, stop);
         case 8: return imageWpg_writeFromRGB(path, rgb, size, colorMode, stop);

@@ -113,6 +113,12 @@ void readEverything(const std::string& path, int type, const std::string& what) 
             if (korImage_readIngrBlock(r, k % cols, k / cols, block.data()) != 0) break;
         korImage_closeIngrBlocks(r);
     }
+    const ImageSize box{7, 5};
+    uint8_t* thumb = nullptr;
+    if (korImage_readThumbnail(&thumb, &size, path.c_str(), type, &box, nullptr) == 0) {
+        EXPECT_TRUE(size.x <= box.x && size.y <= box.y && size.x > 0 && size.y > 0);
+        korImage_freeImage(thumb, &size, IMAGEFORMAT_RGB);
+    }
 }
 
 class HostileSweep : public ::testing::TestWithParam<std::string> {};

@@ -34,6 +34,7 @@ int cmdInfo(const Args& args);
 int cmdConvert(const Args& args);
 int cmdDemo(const Args& args);
 int cmdMovie(const Args& args);
+int cmdThumbnail(const Args& args);
 
 // convert --stream IN OUT (type -1: PPM or PAM by OUT's name; mode -1: the
 // source's).

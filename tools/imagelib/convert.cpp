@@ -124,11 +124,14 @@ int cmdConvert(const Args& args) {
     WarpOptions warp;
     ImageSize size{};
     double rect[4];
-    bool haveSize = false, haveCrop = false;
+    bool haveSize = false, haveCrop = false, haveThumb = false;
     bool stream = false, batch = false;
     int jobs = 1;
     std::string toDir;
     std::vector<size_t> inputs, batchArgs;
+    uint8_t clear[3];
+    int tolerance = -1;
+    ImageSize thumb{};
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         auto value = [&](std::string& v) {
@@ -180,6 +183,12 @@ int cmdConvert(const Args& args) {
             if (!value(v) || v.empty()) return usage("convert: --to takes a directory");
             toDir = v;
             batch = true;
+        } else if (a == "--transparent") {
+            if (!value(v) || !parseColour(v, clear, &tolerance))
+                return usage("convert: --transparent takes #rrggbb or r,g,b, and ,TOL");
+        } else if (a == "--thumbnail") {
+            if (!value(v) || !parseSize(v, thumb)) return usage("convert: --thumbnail takes WxH");
+            haveThumb = true;
         } else if (!a.empty() && a[0] == '-' && a.size() > 1) {
             return usage("convert: unknown option '" + a + "'");
         } else {
@@ -198,16 +207,19 @@ int cmdConvert(const Args& args) {
     if (stream) return convertStream(args, in, out, pnmOut ? -1 : type, mode);
     StopFunction stop = progressFunction();
     Image img;
-    int st = loadImage(in, img, false, stop);
+    int st = haveThumb ? loadThumbnail(in, img, thumb, stop) : loadImage(in, img, false, stop);
     if (st == 0 && haveCrop) st = crop(img, rect, stop);
     if (st == 0 && haveSize) st = resize(img, size, stop);
     if (st == 0) st = transform(img, warp, stop);
     if (st == 0 && mirrorMode >= 0) st = mirror(img, mirrorMode, stop);
+    if (st == 0 && tolerance >= 0) st = makeTransparent(img, clear, tolerance, stop);
     if (st != 0) {
         progressDone();
         return failure(in, st);
     }
-    if (mode < 0) mode = pnmOut ? img.colorMode : defaultWriteMode(type, img.colorMode);
+    // Transparency is kept by the writers with alpha and by GIF and BMP.
+    const bool keepAlpha = tolerance >= 0 && (korImage_alphaExportSupported(type) || type == 7 || type == 9);
+    if (mode < 0) mode = pnmOut ? img.colorMode : keepAlpha ? COLORMODE_RGBA : defaultWriteMode(type, img.colorMode);
     int code = quality >= 0 ? quality : compression >= 0 ? compression : 90;
     OutputFile file(out);
     st = file.open();

@@ -85,6 +85,15 @@ int saveImage(const std::string& path, int type, int mode, Image& img, int compr
 // writer takes it, else the writer's default.
 int defaultWriteMode(int type, int sourceMode);
 
+// A colour "#rrggbb" or "r,g,b", with a tolerance (0..255) after a last
+// comma when tolerance is not null (0 when none is given).
+bool parseColour(const std::string& text, uint8_t rgb[3], int* tolerance);
+// Makes the pixels within tolerance of colour transparent: the image
+// becomes interleaved RGBA (layout 7) with alpha 0 there and 255 elsewhere.
+int makeTransparent(Image& img, const uint8_t colour[3], int tolerance, StopFunction stop);
+// Reads the thumbnail of a file that fits box (PNM files are reduced here).
+int loadThumbnail(const std::string& path, Image& img, ImageSize box, StopFunction stop);
+
 // Mode names: rgb, 16, 256, grey, bilevel, rgba, or 1..6. -1 when unknown.
 int parseMode(const std::string& s);
 const char* modeName(int mode);

@@ -31,7 +31,11 @@ const Command kCommands[] = {
      "      --interpolate F            nearest, bilinear or bicubic (default bilinear)\n"
      "      --affine a,b,c,d,e,f       warp: x' = a x + c y + e, y' = b x + d y + f, in the source's size\n"
      "      --mirror v|h               v: top to bottom, h: left to right\n"
-     "    IN or OUT may be binary PPM/PGM/PBM/PAM (.ppm .pgm .pbm .pam .pnm) for comparison with other tools\n"
+     "      --transparent COLOR[,TOL]  pixels within TOL (default 0) of COLOR (#rrggbb or r,g,b) become\n"
+     "                                 transparent; written with alpha (PNG, TIFF, Targa, BMP) or as\n"
+     "                                 the GIF transparent index\n"
+     "      --thumbnail WxH            read IN reduced to fit WxH (aspect kept, never enlarged)\n"
+          "    IN or OUT may be binary PPM/PGM/PBM/PAM (.ppm .pgm .pbm .pam .pnm) for comparison with other tools\n"
      "      --stream                   row by row, in memory independent of the height (IN: Targa, TIFF,\n"
      "                                 Intergraph RGB or binary PGM/PPM/PAM; OUT: Targa, TIFF, BMP, PICT,\n"
      "                                 EPS, Intergraph RGB or PPM/PAM); takes only --type and --mode\n"
@@ -40,6 +44,11 @@ const Command kCommands[] = {
      "                               when any file failed (the others are still written)\n"
      "    OUT appears only when complete: a failed conversion leaves an existing OUT as it was",
      cmdConvert},
+    {"thumbnail",
+     "thumbnail IN... --size N --to DIR [--type T]\n"
+     "                               one thumbnail fitting N x N a file, written as DIR/<name>.<extension\n"
+     "                               of type T> (default 28, PNG)",
+     cmdThumbnail},
     {"movie",
      "movie OUT [--delay TICKS] FRAME...\n"
      "                               frames (image files of one size) into a FLI, FLC or AVI movie by OUT's\n"

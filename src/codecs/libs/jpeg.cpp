@@ -64,6 +64,7 @@ struct JpegContext {
     uint8_t* row;        // one decoded or converted row (scratch)
     int colourMode;      // COLORMODE_RGB or COLORMODE_GREY
     int packed;
+    int scaleDenom;      // 1, or the reduction of the scaled read (2, 4, 8)
 };
 
 thread_local JpegContext* t_jpeg = nullptr;
@@ -186,6 +187,10 @@ int decodeProtected(JpegContext* ctx, int ditherOff, int twoPassOff, int colourC
     if (setjmp(ctx->jump)) return IMGERR_DECODEFAILED;
     jpeg_decompress_struct& d = ctx->d;
     d.out_color_space = ctx->colourMode == COLORMODE_GREY ? JCS_GRAYSCALE : JCS_RGB;
+    if (ctx->scaleDenom > 1) {
+        d.scale_num = 1;
+        d.scale_denom = unsigned(ctx->scaleDenom);
+    }
     d.quantize_colors = FALSE;
     d.dither_mode = ditherOff ? JDITHER_NONE : JDITHER_FS;
     d.two_pass_quantize = twoPassOff ? FALSE : TRUE;
@@ -305,6 +310,31 @@ int jpegFile_read(void** buffer, ImageSize* size, uint8_t* red, uint8_t* green, 
         if (count) *count = 256;
     }
     *buffer = ctx->output;
+    if (size) *size = ctx->outputSize;
+    return releaseContext(ctx, 0);
+}
+
+int jpegFile_readScaled(uint8_t** rgb, ImageSize* size, const char* path, int denom, StopFunction stop) noexcept {
+    if (!rgb || (denom != 1 && denom != 2 && denom != 4 && denom != 8)) return IMGERR_BADARG;
+    JpegContext* ctx = nullptr;
+    if (int st = openForReading(ctx, path, false)) return st;
+    const int64_t fw = ctx->d.image_width, fh = ctx->d.image_height;
+    struct stat info;
+    const int64_t fileBytes = fstat(fileno(ctx->file), &info) == 0 ? int64_t(info.st_size) : 0;
+    if (fw * fh > fileBytes * kJpegPixelsPerByte) return releaseContext(ctx, IMGERR_BADFILE);
+    // The decoder's scaled size: each side divided by denom, rounded up.
+    const int64_t w = (fw + denom - 1) / denom, h = (fh + denom - 1) / denom;
+    size_t bytes = 0;
+    if (!il::imageBytes(w, h, 3, &bytes)) return releaseContext(ctx, IMGERR_BADFILE);
+    ctx->colourMode = COLORMODE_RGB;  // grey files are expanded by the decoder
+    ctx->scaleDenom = denom;
+    ctx->outputSize = ImageSize{int32_t(w), int32_t(h)};
+    ctx->row = static_cast<uint8_t*>(memutil_malloc(size_t(w) * 3, il::tag("JpgS")));
+    ctx->output = dlmSystem_korMalloc(bytes);
+    ctx->outputLayout = IMAGEFORMAT_RGB;
+    if (!ctx->row || !ctx->output) return releaseContext(ctx, IMGERR_NOMEMORY);
+    if (int st = decodeProtected(ctx, 1, 1, 256, stop)) return releaseContext(ctx, st);
+    *rgb = static_cast<uint8_t*>(ctx->output);
     if (size) *size = ctx->outputSize;
     return releaseContext(ctx, 0);
 }

@@ -31,6 +31,11 @@ int jpegFile_read(void** buffer, ImageSize* size, uint8_t* red, uint8_t* green, 
                   const char* path, int packed, int ditherOff, int twoPassOff, int colourCount,
                   StopFunction stop) noexcept;
 
+// Reads the image reduced by denom (1, 2, 4 or 8) in the decoder itself
+// (scaled inverse DCT): row-planar RGB (layout 5, grey files expanded) of
+// each side divided by denom and rounded up. Refusals and stop as
+// jpegFile_read; IMGERR_BADARG for another denom.
+int jpegFile_readScaled(uint8_t** rgb, ImageSize* size, const char* path, int denom, StopFunction stop) noexcept;
 // The quality that jpegFile_create writes with: the requested value when it
 // lies in 0..90, else 75 (qualities above 90 are not offered).
 constexpr int jpegFile_quality(int requested) { return requested >= 0 && requested <= 90 ? requested : 75; }

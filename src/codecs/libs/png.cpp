@@ -70,6 +70,7 @@ struct PngHeader {
     png_uint_32 width = 0, height = 0;
     int depth = 0, colourType = 0, interlace = 0;
     int mode = 0;
+    bool alpha = false;  // an alpha channel or a tRNS chunk
 };
 
 int classify(int colourType, int depth) {
@@ -110,14 +111,20 @@ int openForReading(PngHandle& h, PngHeader& hdr, const char* path) {
     if (!h.file) return IMGERR_OPENFAILED;
     if (int st = readHeaderProtected(h, hdr)) return st;
     hdr.mode = classify(hdr.colourType, hdr.depth);
+    hdr.alpha = (hdr.colourType & PNG_COLOR_MASK_ALPHA) || png_get_valid(h.png, h.info, PNG_INFO_tRNS);
     return hdr.mode < 0 ? hdr.mode : 0;
 }
 
-// Transformations and every row of every pass into rows. Protected.
-int decodeProtected(PngHandle& h, const PngHeader& hdr, uint8_t** rows, size_t rowBytes, StopFunction stop) {
+// Transformations and every row of every pass into rows. Protected. With
+// expandAlpha every file becomes 8-bit R, G, B, A (the tRNS chunk as alpha).
+int decodeProtected(PngHandle& h, const PngHeader& hdr, uint8_t** rows, size_t rowBytes, bool expandAlpha,
+                    StopFunction stop) {
     if (setjmp(png_jmpbuf(h.png))) return IMGERR_BADFILE;
     png_structp png = h.png;
-    if (hdr.mode != COLORMODE_RGBA) {
+    if (expandAlpha) {
+        png_set_expand(png);
+        if (!(hdr.colourType & PNG_COLOR_MASK_COLOR)) png_set_gray_to_rgb(png);
+    } else if (hdr.mode != COLORMODE_RGBA) {
         // The file's background under transparent pixels, else black.
         png_color_16p background = nullptr;
         if (png_get_bKGD(png, h.info, &background) && background) {
@@ -132,7 +139,7 @@ int decodeProtected(PngHandle& h, const PngHeader& hdr, uint8_t** rows, size_t r
     if (!png_get_gAMA(png, h.info, &fileGamma)) fileGamma = 0.45;
     png_set_gamma(png, 2.2, fileGamma);
     if (hdr.depth == 16) png_set_strip_16(png);
-    if (hdr.depth == 2 || hdr.depth == 4) png_set_packing(png);
+    if (!expandAlpha && (hdr.depth == 2 || hdr.depth == 4)) png_set_packing(png);
     if (hdr.depth == 16) png_set_swap(png);
     const int passes = png_set_interlace_handling(png);
     png_read_update_info(png, h.info);
@@ -181,12 +188,13 @@ int pngFile_detect(const char* path) noexcept {
     return png_sig_cmp(sig, 0, sizeof sig) == 0 ? 0 : IMGERR_BADFILE;
 }
 
-int pngFile_readInfo(ImageSize* size, int* colourMode, const char* path) noexcept {
+int pngFile_readInfo(ImageSize* size, int* colourMode, const char* path, int* transparency) noexcept {
     PngHandle h;
     PngHeader hdr;
     if (int st = openForReading(h, hdr, path)) return st;
     if (size) *size = ImageSize{int32_t(hdr.width), int32_t(hdr.height)};
     if (colourMode) *colourMode = hdr.mode;
+    if (transparency) *transparency = hdr.alpha && hdr.mode != 0 ? 1 : 0;
     return 0;
 }
 
@@ -208,9 +216,11 @@ int pngFile_read(void** buffer, ImageSize* size, uint8_t* red, uint8_t* green, u
     if (mode == 0) return IMGERR_BADARG;
     const bool own = wanted == 0;
     if (own) wanted = mode;
+    // Transparency of any other kind of file, asked for as alpha.
+    const bool expandAlpha = wanted == COLORMODE_RGBA && mode != COLORMODE_RGBA && hdr.alpha;
     if (wanted == COLORMODE_BILEVEL && mode != COLORMODE_BILEVEL) return IMGERR_DECODEFAILED;
-    if (mode == COLORMODE_BILEVEL && wanted != COLORMODE_BILEVEL) return IMGERR_BADIMAGEFORMAT;
-    if (wanted == COLORMODE_RGBA && mode != COLORMODE_RGBA) return IMGERR_BADIMAGEFORMAT;
+    if (mode == COLORMODE_BILEVEL && wanted != COLORMODE_BILEVEL && !expandAlpha) return IMGERR_BADIMAGEFORMAT;
+    if (wanted == COLORMODE_RGBA && mode != COLORMODE_RGBA && !expandAlpha) return IMGERR_BADIMAGEFORMAT;
 
     // Colour count and row size by the file's mode.
     const int w = int(hdr.width), ht = int(hdr.height);
@@ -228,6 +238,7 @@ int pngFile_read(void** buffer, ImageSize* size, uint8_t* red, uint8_t* green, u
         case COLORMODE_RGBA: bytesPerPixel = 4; break;
     }
     rowBytes = mode == COLORMODE_BILEVEL ? (size_t(w) + 7) >> 3 : size_t(w) * size_t(bytesPerPixel);
+    if (expandAlpha) colours = 0, rowBytes = size_t(w) * 4;
     // The image must fit the library, and the file must be able to hold it:
     // deflate shrinks the filtered rows by at most about 1032 to 1.
     struct stat fileInfo;
@@ -237,7 +248,7 @@ int pngFile_read(void** buffer, ImageSize* size, uint8_t* red, uint8_t* green, u
         int64_t(bytes) > fileBytes * kPngInflateRatio)
         return IMGERR_BADFILE;
     // Bitmap rows are cleared first: libpng leaves the padding bits of a row as it finds them.
-    CallerBuffer<uint8_t> pixels = il::callerBytes(bytes, mode == COLORMODE_BILEVEL);
+    CallerBuffer<uint8_t> pixels = il::callerBytes(bytes, mode == COLORMODE_BILEVEL && !expandAlpha);
     il::Scratch<uint8_t*> rows(size_t(ht), il::tag("PngP"));
     if (!pixels || !rows.ok()) return IMGERR_NOMEMORY;
     for (int y = 0; y < ht; ++y) rows[size_t(y)] = pixels.get() + rowBytes * size_t(y);
@@ -255,7 +266,7 @@ int pngFile_read(void** buffer, ImageSize* size, uint8_t* red, uint8_t* green, u
         pngFile_greyScale(pr, pg, pb, colours);
     }
 
-    if (int st = decodeProtected(h, hdr, rows.get(), rowBytes, stop)) return st;
+    if (int st = decodeProtected(h, hdr, rows.get(), rowBytes, expandAlpha, stop)) return st;
     h.release();
 
     const ImageSize sz{w, ht};

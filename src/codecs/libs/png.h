@@ -18,9 +18,10 @@
 // IMGERR_READFAILED (shorter than the signature), IMGERR_BADFILE.
 int pngFile_detect(const char* path) noexcept;
 
-// Size and colour mode from the header (either output may be null).
+// Size and colour mode from the header (any output may be null);
+// *transparency is 1 when the file has an alpha channel or a tRNS chunk.
 // IMGERR_BADFILE for a corrupt header or colour type 1 or 5.
-int pngFile_readInfo(ImageSize* size, int* colourMode, const char* path) noexcept;
+int pngFile_readInfo(ImageSize* size, int* colourMode, const char* path, int* transparency = nullptr) noexcept;
 
 // The grey scale that grey and bilevel files read with: entry 0 is 0, the
 // last 255, entry i between them (i x 256) / (count + 1).
@@ -33,12 +34,13 @@ void pngFile_greyScale(uint8_t* red, uint8_t* green, uint8_t* blue, int count) n
 //    to an optimised palette of 256 colours;
 //  5 a bitmap (layout 1), or run-length rows (layout 2) when packed, set
 //    bits for the darker of the two colours;
-//  6 rows of four planes R, G, B, A (RGBA files only).
+//  6 rows of four planes R, G, B, A: RGBA files, and any other file with
+//    an alpha channel or a tRNS chunk, expanded (8 bits, tRNS as alpha).
 // A file of the file's own bilevel mode read with wanted 0 gives the bitmap
 // of palette indices (bit set: entry 1) with its two-entry palette.
 // Refusals: wanted 5 of a file that is not bilevel IMGERR_DECODEFAILED; a
 // bilevel file as anything but 0 or 5, and wanted 6 of a file without
-// alpha, IMGERR_BADIMAGEFORMAT; mode 0 files IMGERR_BADARG. The layout of
+// transparency, IMGERR_BADIMAGEFORMAT; mode 0 files IMGERR_BADARG. The layout of
 // the result goes to *layout when it is not null.
 int pngFile_read(void** buffer, ImageSize* size, uint8_t* red, uint8_t* green, uint8_t* blue, int* count,
                  const char* path, int wanted, int packed, StopFunction stop, int* layout = nullptr) noexcept;

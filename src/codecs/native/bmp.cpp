@@ -619,6 +619,30 @@ public:
         dataOffset_ = file_.tell();
         return 0;
     }
+    // Headers of a 32-bit file with alpha: a version 5 info header with bit
+    // fields B, G, R, A from the lowest byte up, in the sRGB colour space.
+    int beginWithAlpha(const char* path, const ImageSize* size) {
+        file_ = il::File::open(path, "wb+");
+        if (!file_.ok()) return IMGERR_OPENFAILED;
+        uint8_t h[kFileHeaderBytes + kLargestHeaderBytes] = {};
+        uint8_t* info = h + kFileHeaderBytes;
+        il::put32le(info, kLargestHeaderBytes);
+        il::put32le(info + 4, uint32_t(size->x));
+        il::put32le(info + 8, uint32_t(size->y));
+        il::put16le(info + 12, 1);
+        il::put16le(info + 14, 32);
+        il::put32le(info + 16, 3);  // bit fields
+        il::put32le(info + 20, uint32_t(uint64_t(size->x) * 4 * uint64_t(size->y)));
+        il::put32le(info + 40, 0x00FF0000u);  // red
+        il::put32le(info + 44, 0x0000FF00u);  // green
+        il::put32le(info + 48, 0x000000FFu);  // blue
+        il::put32le(info + 52, 0xFF000000u);  // alpha
+        il::put32le(info + 56, 0x73524742u);  // 'sRGB'
+        il::put32le(info + 108, 4);           // rendering intent: pictures
+        if (!file_.write(h, sizeof h)) return IMGERR_WRITEFAILED;
+        dataOffset_ = file_.tell();
+        return 0;
+    }
     // Writes a row of `bytes` bytes followed by zero padding to `stride`.
     int row(const uint8_t* data, size_t bytes, size_t stride) {
         static const uint8_t kZero[4] = {};
@@ -659,11 +683,30 @@ int writeRows(Writer& w, const ImageSize* size, size_t rowBytes, uint8_t* rowBuf
 
 int imageBmp_writeFromRGB(const char* path, const uint8_t* rgb, const ImageSize* size, int imageFormat,
                           StopFunction stop) noexcept {
-    if (imageFormat < COLORMODE_RGB || imageFormat > COLORMODE_GREY) return IMGERR_BADARG;
+    if (imageFormat < COLORMODE_RGB || imageFormat > COLORMODE_RGBA || imageFormat == COLORMODE_BILEVEL)
+        return IMGERR_BADARG;
     if (!rgb || !validSize(size)) return IMGERR_BADARG;
     const int w = size->x;
-    const size_t planeRow = size_t(w) * 3;
     auto poll = [&](int) { return imageUtil_stopped(stop); };
+
+    if (imageFormat == COLORMODE_RGBA) {  // four planes a row: B, G, R, A pixels
+        if (!il::imageBytes(w, size->y, 4)) return IMGERR_BADARG;
+        il::Scratch<uint8_t> row(size_t(w) * 4, il::tag("BmWa"));
+        if (!row.ok()) return IMGERR_NOMEMORY;
+        Writer out;
+        if (int st = out.beginWithAlpha(path, size)) return st;
+        return writeRows(out, size, size_t(w) * 4, row.get(), poll, [&](int y, uint8_t* buf) {
+            const uint8_t *r = rgb + size_t(y) * 4 * size_t(w), *g = r + w, *b = g + w, *a = b + w;
+            for (int x = 0; x < w; ++x) {
+                buf[4 * x] = b[x];
+                buf[4 * x + 1] = g[x];
+                buf[4 * x + 2] = r[x];
+                buf[4 * x + 3] = a[x];
+            }
+            return buf;
+        });
+    }
+    const size_t planeRow = size_t(w) * 3;
     auto planes = [&](int y) { return rgb + size_t(y) * planeRow; };
 
     if (imageFormat == COLORMODE_RGB) {

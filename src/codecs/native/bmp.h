@@ -121,8 +121,9 @@ int imageBmp_readToBitMap(void** bitmap, ImageSize* size, int runLength, const c
 // --- writing ---------------------------------------------------------------
 
 // Writes row-planar RGB: image format 1 as 24 bits, 2 as 4 bits and 3 as 8
-// bits (optimised palette, dithered), 4 as 8-bit grey. IMGERR_BADARG for any
-// other format. A nonzero stop answer ends the rows and is returned; the
+// bits (optimised palette, dithered), 4 as 8-bit grey, 6 (four planes a row,
+// alpha last) as 32 bits with a version 5 header whose bit fields include
+// an alpha mask. IMGERR_BADARG for any other format. A nonzero stop answer ends the rows and is returned; the
 // file is still finished.
 int imageBmp_writeFromRGB(const char* path, const uint8_t* rgb, const ImageSize* size, int imageFormat,
                           StopFunction stop) noexcept;

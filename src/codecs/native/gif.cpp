@@ -581,6 +581,7 @@ struct GifImage {
     int height = 0;
     bool interlaced = false;
     int colours = 0;  // table size, at most 256
+    int transparent = -1;  // the graphic control's transparent index, -1 for none
 };
 
 // Table size of a flags byte: 2^((flags AND 15) + 1). The low four bits
@@ -608,8 +609,9 @@ bool parseHeaders(ByteReader& in, GifImage* img, uint8_t* red, uint8_t* green, u
             case 1:  // plain text: block size 12, its 12 bytes, the first sub-block length
                 if (!in.read(b, 14) || b[0] != 12 || !skipBlocks(in, b[13])) return false;
                 break;
-            case 0xF9:  // graphic control: its fields are not used
+            case 0xF9:  // graphic control: the last one before the image gives its transparent index
                 if (!in.read(b, 6) || b[0] != 4 || b[5] != 0) return false;
+                img->transparent = (b[1] & 1) ? b[4] : -1;
                 break;
             case 0xFE:  // comment
                 if (!skipBlocks(in, in.get())) return false;
@@ -753,4 +755,113 @@ int imageGif_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green
     if (colourCount) *colourCount = img.colours;
     *map = packed ? table.release() : bytes.release();
     return 0;
+}
+
+int imageGif_readInfo(ImageSize* size, int* transparentIndex, const char* path) noexcept {
+    il::File file = il::File::open(path, "rb");
+    if (!file.ok()) return IMGERR_OPENFAILED;
+    ByteReader in(file);
+    if (!in.ok()) return IMGERR_NOMEMORY;
+    GifImage img;
+    uint8_t red[256], green[256], blue[256];
+    if (!parseHeaders(in, &img, red, green, blue)) return kGifParseFailure;
+    if (!il::imageBytes(img.width, img.height, 1)) return IMGERR_BADFILE;
+    if (size) *size = ImageSize{img.width, img.height};
+    if (transparentIndex) *transparentIndex = img.transparent;
+    return 0;
+}
+
+namespace {
+
+// When the opaque pixels of rows of four planes hold at most 255 colours:
+// those colours in red, green, blue (in order of first use) and the map of
+// indices 1.. for opaque pixels, 0 for transparent ones.
+bool exactColours(const uint8_t* rgba, const ImageSize* size, uint8_t* map, uint8_t* red, uint8_t* green,
+                  uint8_t* blue, int* count) {
+    const size_t w = size_t(size->x), h = size_t(size->y);
+    // An open-addressing table of colour keys (0 = empty, else key + 1).
+    constexpr size_t kSlots = 1024;
+    uint32_t keys[kSlots] = {};
+    uint8_t index[kSlots] = {};
+    int n = 0;
+    for (size_t y = 0; y < h; ++y) {
+        const uint8_t* s = rgba + 4 * w * y;
+        uint8_t* d = map + w * y;
+        for (size_t x = 0; x < w; ++x) {
+            if (s[3 * w + x] < 128) {
+                d[x] = 0;
+                continue;
+            }
+            const uint32_t key = (uint32_t(s[x]) | uint32_t(s[w + x]) << 8 | uint32_t(s[2 * w + x]) << 16) + 1;
+            size_t slot = (key * 2654435761u) >> 22;
+            while (keys[slot] && keys[slot] != key) slot = (slot + 1) & (kSlots - 1);
+            if (!keys[slot]) {
+                if (n == 255) return false;
+                keys[slot] = key;
+                red[n] = s[x], green[n] = s[w + x], blue[n] = s[2 * w + x];
+                index[slot] = uint8_t(++n);
+            }
+            d[x] = index[slot];
+        }
+    }
+    *count = n;
+    return true;
+}
+
+}  // namespace
+
+int imageGif_writeFromRGBA(const char* path, const uint8_t* rgba, const ImageSize* size, StopFunction stop) noexcept {
+    if (!rgba || !writableSize(size)) return IMGERR_BADARG;
+    const size_t w = size_t(size->x), h = size_t(size->y);
+    il::CallerBuffer<uint8_t> map = il::callerBytes(w * h);
+    if (!map) return IMGERR_NOMEMORY;
+    // The first opaque colour, and the colour of the first transparent pixel.
+    uint8_t first[3] = {}, hidden[3] = {};
+    bool anyOpaque = false, anyHidden = false;
+    for (size_t y = 0; y < h; ++y) {
+        const uint8_t* s = rgba + 4 * w * y;
+        for (size_t x = 0; x < w; ++x) {
+            const bool opaque = s[3 * w + x] >= 128;
+            uint8_t* seen = opaque ? first : hidden;
+            bool& any = opaque ? anyOpaque : anyHidden;
+            if (!any) seen[0] = s[x], seen[1] = s[w + x], seen[2] = s[2 * w + x], any = true;
+        }
+    }
+    // Entry 0 is the transparent one (the colour of the first transparent
+    // pixel, for readers that ignore transparency); the opaque pixels use
+    // their own colours after it when there are at most 255 of them.
+    uint8_t red[256] = {}, green[256] = {}, blue[256] = {};
+    red[0] = hidden[0], green[0] = hidden[1], blue[0] = hidden[2];
+    int count = 0;
+    if (exactColours(rgba, size, map.get(), red + 1, green + 1, blue + 1, &count))
+        return imageGif_writeFromMap(path, map.get(), red, green, blue, count + 1, size, COLORMODE_PALETTE256, 0,
+                                     stop);
+    // Else 255 optimised colours of the opaque pixels, every transparent
+    // pixel given the first opaque colour so that it adds nothing.
+    il::Scratch<uint8_t> rgb(3 * w * h, il::tag("GfAc"));
+    if (!rgb.ok()) return IMGERR_NOMEMORY;
+    for (size_t y = 0; y < h; ++y) {
+        const uint8_t* s = rgba + 4 * w * y;
+        uint8_t* d = rgb.get() + 3 * w * y;
+        for (size_t x = 0; x < w; ++x) {
+            const bool opaque = s[3 * w + x] >= 128;
+            for (size_t c = 0; c < 3; ++c) d[c * w + x] = opaque ? s[c * w + x] : first[c];
+        }
+    }
+    if (int st = korImage_getOptimizedPalette(red + 1, green + 1, blue + 1, &count, 255, rgb.get(), size, stop))
+        return st;
+    if (count < 1) return IMGERR_NOMEMORY;
+    {
+        il::DitherJob job;
+        if (int st = korImage_ditherInitialize(count, red + 1, green + 1, blue + 1, int(w))) return st;
+        for (size_t y = 0; y < h; ++y) {
+            if (int st = imageUtil_reportProgress(stop, int(h), int(y))) return st;
+            const uint8_t* r = rgb.get() + 3 * w * y;
+            const uint8_t* a = rgba + 4 * w * y + 3 * w;
+            uint8_t* d = map.get() + w * y;
+            korImage_ditherRow(d, r, r + w, r + 2 * w, int(w));
+            for (size_t x = 0; x < w; ++x) d[x] = a[x] >= 128 ? uint8_t(d[x] + 1) : 0;
+        }
+    }
+    return imageGif_writeFromMap(path, map.get(), red, green, blue, count + 1, size, COLORMODE_PALETTE256, 0, stop);
 }

@@ -84,3 +84,17 @@ int imageGif_writeFromMap(const char* path, const void* map, const uint8_t* red,
 // poll's nonzero answer (polled after each row).
 int imageGif_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green, uint8_t* blue, int* colourCount,
                        const char* path, int packed, StopFunction stop) noexcept;
+
+// Size of the first image and the transparent index that its graphic
+// control extension gives (-1 when none marks one), from the headers alone.
+// kGifParseFailure when they do not parse, IMGERR_OPENFAILED,
+// IMGERR_BADFILE for an empty image.
+int imageGif_readInfo(ImageSize* size, int* transparentIndex, const char* path) noexcept;
+
+// Writes rows of four planes (red, green, blue, alpha) as a GIF89a palette
+// file whose index 0 is the transparent entry: pixels with alpha below 128
+// take index 0, the others their own colours when there are at most 255 of
+// them, else 255 optimised, dithered colours. The
+// transparent entry holds the colour of the first transparent pixel.
+// Results as imageGif_writeFromMap.
+int imageGif_writeFromRGBA(const char* path, const uint8_t* rgba, const ImageSize* size, StopFunction stop) noexcept;
