@@ -319,4 +319,36 @@ TEST_F(StopLeak, EveryReaderEntry) {
         EXPECT_TRUE(std::count(typesRead.begin(), typesRead.end(), type)) << "no file of type " << type;
 }
 
+// A caller that stops a streamed read or write half-way closes the file:
+// that too must give everything back.
+TEST_F(StopLeak, StreamsClosedHalfWay) {
+    const Pictures p;
+    int served = 0;
+    for (int type : {1, 2, 3, 4, 6, 9}) {
+        const std::string path = dir_.file("rows" + std::to_string(type));
+        for (int mode : {COLORMODE_RGB, COLORMODE_RGBA}) {
+            const long live = g_live;
+            const int fds = openFds();
+            int st = 0;
+            ImageFileContext* out = korImage_createFile(&st, path.c_str(), nullptr, &p.size, type, mode);
+            if (!out) continue;  // no row writer for this type and mode
+            ++served;
+            for (int y = 0; y < kH / 2; ++y) {
+                const uint8_t* r = p.rgba.data() + size_t(y) * 4 * kW;
+                ASSERT_EQ(korImage_putRow(out, r, r + kW, r + 2 * kW, r + 3 * kW), 0) << type;
+            }
+            korImage_closeFile(out);
+            if (ImageFileContext* in = korImage_openFile(&st, nullptr, path.c_str())) {
+                std::vector<uint8_t> row(4 * kW);
+                for (int y = 0; y < kH / 4; ++y)
+                    korImage_getRow(in, row.data(), row.data() + kW, row.data() + 2 * kW, row.data() + 3 * kW);
+                korImage_closeFile(in);
+            }
+            EXPECT_EQ(g_live, live) << "type " << type << " mode " << mode;
+            EXPECT_EQ(openFds(), fds) << "type " << type << " mode " << mode;
+        }
+    }
+    EXPECT_GT(served, 5);
+}
+
 }  // namespace
