@@ -90,11 +90,11 @@ int bmpDecode(const char* path, Decoded& d) {
 
 // PCX for the RGB readers: a palette image, or RGB when the reader gives no
 // colours (three planes of 8 bits).
-int pcxDecode(const char* path, Decoded& d) {
+int pcxDecode(const char* path, Decoded& d, StopFunction stop) {
     ImageSize size{};
     void* p = nullptr;
     if (int st = imagePcx_readToMap(&p, &size, d.palette.red, d.palette.green, d.palette.blue, &d.palette.count,
-                                    path, 0, nullptr))
+                                    path, 0, stop))
         return st;
     d.isMap = d.palette.count != 0;
     d.image.reset(p, size, d.isMap ? IMAGEFORMAT_MAP : IMAGEFORMAT_RGB);
@@ -102,11 +102,11 @@ int pcxDecode(const char* path, Decoded& d) {
 }
 
 // Sun raster for the RGB readers: always a palette image.
-int sunDecode(const char* path, Decoded& d) {
+int sunDecode(const char* path, Decoded& d, StopFunction stop) {
     ImageSize size{};
     void* p = nullptr;
     if (int st = imageSun_readToMap(&p, &size, d.palette.red, d.palette.green, d.palette.blue, &d.palette.count,
-                                    path, 0, nullptr))
+                                    path, 0, stop))
         return st;
     d.image.reset(p, size, IMAGEFORMAT_MAP);
     d.isMap = true;
@@ -114,11 +114,11 @@ int sunDecode(const char* path, Decoded& d) {
 }
 
 // "p": a map.
-int pDecode(const char* path, Decoded& d) {
+int pDecode(const char* path, Decoded& d, StopFunction stop) {
     void* p = nullptr;
     ImageSize size{};
     int st = imageP_readToMap(&p, &size, d.palette.red, d.palette.green, d.palette.blue, &d.palette.count, path, 0,
-                              nullptr);
+                              stop);
     if (st != 0) return st;
     d.image.reset(p, size, IMAGEFORMAT_MAP);
     d.isMap = true;
@@ -126,11 +126,11 @@ int pDecode(const char* path, Decoded& d) {
 }
 
 // The first frame of a FLI/FLC file, as a map.
-int flicDecode(const char* path, Decoded& d) {
+int flicDecode(const char* path, Decoded& d, StopFunction stop) {
     void* p = nullptr;
     ImageSize size{};
     if (int st = imageFlic_readToMap(&p, &size, d.palette.red, d.palette.green, d.palette.blue, &d.palette.count,
-                                     path, 0, nullptr))
+                                     path, 0, stop))
         return st;
     d.image.reset(p, size, IMAGEFORMAT_MAP);
     d.isMap = true;
@@ -138,10 +138,10 @@ int flicDecode(const char* path, Decoded& d) {
 }
 
 // "a": RGB.
-int aDecode(const char* path, Decoded& d) {
+int aDecode(const char* path, Decoded& d, StopFunction stop) {
     uint8_t* rgb = nullptr;
     ImageSize size{};
-    if (int st = imageA_readToRGB(&rgb, &size, path, nullptr)) return st;
+    if (int st = imageA_readToRGB(&rgb, &size, path, stop)) return st;
     d.image.reset(rgb, size, IMAGEFORMAT_RGB);
     return 0;
 }
@@ -194,12 +194,12 @@ int pngDecode(const char* path, Decoded& d, StopFunction stop) {
 }
 
 // Intergraph rasters for the RGB readers: upright, a palette image or RGB.
-int ingrDecode(const char* path, Decoded& d) {
+int ingrDecode(const char* path, Decoded& d, StopFunction stop) {
     void* p = nullptr;
     ImageSize size{};
     int rgb = 0;
     if (int st = ingr_readImage(&p, &size, &rgb, d.palette.red, d.palette.green, d.palette.blue, &d.palette.count,
-                                nullptr, path, nullptr))
+                                nullptr, path, stop))
         return st;
     d.isMap = !rgb;
     d.image.reset(p, size, rgb ? IMAGEFORMAT_RGB : IMAGEFORMAT_MAP);
@@ -207,13 +207,13 @@ int ingrDecode(const char* path, Decoded& d) {
 }
 
 // Fax, CALS and RLC as a two-colour map: white paper, black ink.
-int bilevelDecode(int type, const char* path, Decoded& d) {
+int bilevelDecode(int type, const char* path, Decoded& d, StopFunction stop) {
     void* p = nullptr;
     ImageSize size{};
     Palette& c = d.palette;
-    int st = type == 21   ? fax_readFileToMap(&p, &size, c.red, c.green, c.blue, &c.count, path, 1, nullptr)
-             : type == 22 ? cals_readFileToMap(&p, &size, c.red, c.green, c.blue, &c.count, path, 1, nullptr)
-                          : rlc_readFileToMap(&p, &size, c.red, c.green, c.blue, &c.count, path, 1, nullptr);
+    int st = type == 21   ? fax_readFileToMap(&p, &size, c.red, c.green, c.blue, &c.count, path, 1, stop)
+             : type == 22 ? cals_readFileToMap(&p, &size, c.red, c.green, c.blue, &c.count, path, 1, stop)
+                          : rlc_readFileToMap(&p, &size, c.red, c.green, c.blue, &c.count, path, 1, stop);
     if (st) return st;
     d.isMap = true;
     d.image.reset(p, size, IMAGEFORMAT_MAP);
@@ -225,16 +225,16 @@ int bilevelDecode(int type, const char* path, Decoded& d) {
 int decodeForRGB(int type, const char* path, Decoded& d, StopFunction stop) {
     switch (type) {
         case 9: return bmpDecode(path, d);
-        case 5: return pcxDecode(path, d);
-        case 10: return sunDecode(path, d);
-        case 14: case 15: return flicDecode(path, d);  // FLI/FLC first frame
-        case 11: return pDecode(path, d);
-        case 12: return aDecode(path, d);
+        case 5: return pcxDecode(path, d, stop);
+        case 10: return sunDecode(path, d, stop);
+        case 14: case 15: return flicDecode(path, d, stop);  // FLI/FLC first frame
+        case 11: return pDecode(path, d, stop);
+        case 12: return aDecode(path, d, stop);
         case 7: {  // GIF: the first image as a map
             void* p = nullptr;
             ImageSize size{};
             if (int st = imageGif_readToMap(&p, &size, d.palette.red, d.palette.green, d.palette.blue,
-                                            &d.palette.count, path, 0, nullptr))
+                                            &d.palette.count, path, 0, stop))
                 return st;
             d.image.reset(p, size, IMAGEFORMAT_MAP);
             d.isMap = true;
@@ -245,15 +245,15 @@ int decodeForRGB(int type, const char* path, Decoded& d, StopFunction stop) {
         case 0: case 3: case 29: {  // TIFF, through the RGBA interface
             uint8_t* rgb = nullptr;
             ImageSize size{};
-            if (int st = tiff_readFileToRGBSeparate(&rgb, &size, path, 0, nullptr)) return st;
+            if (int st = tiff_readFileToRGBSeparate(&rgb, &size, path, 0, stop)) return st;
             d.image.reset(rgb, size, IMAGEFORMAT_RGB);
             return 0;
         }
         case 1: case 16:          // Intergraph RGB
         case 13: case 17: case 19: case 20: case 23: case 25:  // Intergraph rasters
-            return ingrDecode(path, d);
+            return ingrDecode(path, d, stop);
         case 21: case 22: case 24:  // fax, CALS, RLC
-            return bilevelDecode(type, path, d);
+            return bilevelDecode(type, path, d, stop);
         case 27:                  // PMA: drawn at the requested size, see pmaDecode
         default: return IMGERR_UNSUPPORTEDTYPE;
     }
@@ -296,11 +296,11 @@ int readRGB(OwnedImage& img, const char* path, int type, const ImageSize* reques
                                    stop);
         if (st != 0) {
             if (rgb) dlmSystem_korFree(rgb);
-            return st;
+            return st > 0 ? IMGERR_STOPPED : st;  // a stopped conversion
         }
         d.image.reset(rgb, size, IMAGEFORMAT_RGB);
     }
-    if (int st = resampleTo(d.image, requested, false, stop)) return st;
+    if (int st = resampleTo(d.image, requested, false, stop)) return st > 0 ? IMGERR_STOPPED : st;
     img.reset(d.image.get(), d.image.size(), IMAGEFORMAT_RGB);
     d.image.release();
     return 0;
@@ -357,7 +357,7 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
                 return 0;
             }
             void* p = nullptr;
-            if (int st = imagePcx_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, nullptr))
+            if (int st = imagePcx_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, stop))
                 return st;
             rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
             return 0;
@@ -365,7 +365,7 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
         case 10: {
             ImageSize size{};
             void* p = nullptr;
-            if (int st = imageSun_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, nullptr))
+            if (int st = imageSun_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, stop))
                 return st;
             rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
             return 0;
@@ -373,7 +373,7 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
         case 14: case 15: {  // FLI/FLC first frame
             void* p = nullptr;
             ImageSize size{};
-            if (int st = imageFlic_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, nullptr))
+            if (int st = imageFlic_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, stop))
                 return st;
             rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
             return 0;
@@ -381,7 +381,7 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
         case 11: {
             void* p = nullptr;
             ImageSize size{};
-            if (int st = imageP_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, nullptr))
+            if (int st = imageP_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, stop))
                 return st;
             rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
             return 0;
@@ -389,7 +389,7 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
         case 7: {  // GIF
             void* p = nullptr;
             ImageSize size{};
-            if (int st = imageGif_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, nullptr))
+            if (int st = imageGif_readToMap(&p, &size, pal.red, pal.green, pal.blue, &pal.count, path, 1, stop))
                 return st;
             rows.reset(p, size, IMAGEFORMAT_PACKBYTE);
             return 0;
@@ -422,7 +422,7 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
             void* p = nullptr;
             ImageSize size{};
             if (int st = ingr_readImage(&p, &size, nullptr, pal.red, pal.green, pal.blue, &pal.count, nullptr, path,
-                                        nullptr))
+                                        stop))
                 return st;
             OwnedImage map(p, size, IMAGEFORMAT_MAP);
             uint8_t** packed = nullptr;
@@ -432,7 +432,7 @@ int decodeForMap(int type, const char* path, OwnedImage& rows, Palette& pal, boo
         }
         case 21: case 22: {       // fax, CALS
             Decoded d;
-            if (int st = bilevelDecode(type, path, d)) return st;
+            if (int st = bilevelDecode(type, path, d, stop)) return st;
             ImageSize size = d.image.size();
             uint8_t** packed = nullptr;
             if (int st = il::packByteEncodeImage(&packed, d.image.bytes(), &size)) return st;

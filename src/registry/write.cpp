@@ -164,6 +164,8 @@ int writePaletteImage(const char* path, int type, int colourMode, const ImageSiz
         return writePalette(path, type, colourMode, size, image, packed, red, green, blue, count, stop);
     OwnedImage rgb;
     if (int st = expandToRGB(rgb, image, packed, size, red, green, blue)) return st;
+    // The expanded image has three planes: alpha asked for is written as RGB.
+    if (colourMode == COLORMODE_RGBA) colourMode = COLORMODE_RGB;
     return korImage_createFileFromRGB(path, type, colourMode, size, rgb.bytes(), stop);
 }
 

@@ -211,10 +211,11 @@ struct Block {
 };
 
 // Data type 2 (8-bit) and 28 (RGB): raw rows of the block's width.
-int decodeRaw(const Raster& r, const Block& b, const uint8_t* p, size_t len, bool rgb) {
+int decodeRaw(const Raster& r, const Block& b, const uint8_t* p, size_t len, bool rgb, StopFunction stop) {
     const size_t bpp = rgb ? 3 : 1;
     if (uint64_t(b.w) * b.h * bpp > len) return IMGERR_BADFILE;
     for (uint32_t y = 0; y < b.h; ++y, p += b.w * bpp) {
+        if (imageUtil_stopped(stop)) return IMGERR_STOPPED;
         if (!rgb) {
             std::memcpy(r.at(b.y0 + y, b.x0), p, b.w);
             continue;
@@ -358,8 +359,8 @@ int decodeG4(const Raster& r, const Block& b, const uint8_t* p, size_t len, Stop
 int decodeBlock(const Raster& r, const Block& b, int dt, const uint8_t* p, size_t len, bool scannable,
                 StopFunction stop, bool whole) {
     switch (dt) {
-        case 2: return decodeRaw(r, b, p, len, false);
-        case 28: return decodeRaw(r, b, p, len, true);
+        case 2: return decodeRaw(r, b, p, len, false, whole ? stop : nullptr);
+        case 28: return decodeRaw(r, b, p, len, true, whole ? stop : nullptr);
         case 27: return decodeAtomLines(r, b, p, len, true, scannable, stop, whole);
         case 29: return decodeAtomLines(r, b, p, len, false, scannable, stop, whole);
         case 24: return decodeG4(r, b, p, len, whole ? stop : nullptr);

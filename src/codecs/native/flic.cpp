@@ -916,6 +916,8 @@ int imageFlic_writeFrameFromRGB(FlicWriter* wr, const uint8_t* rgb, int imageFor
             uint8_t* row = wr->cur.get() + size_t(y) * w;
             for (int x = 0; x < w; ++x) row[x] = il::greyLevelFloat(r[x], r[w + x], r[2 * w + x]);
         }
+    } else if (imageUtil_stopped(stop)) {
+        return IMGERR_STOPPED;
     } else if (const int wanted = imageFormat == COLORMODE_PALETTE16 ? 16 : 256;
                (std::memcpy(red, wr->lastRed, 256), std::memcpy(green, wr->lastGreen, 256),
                 std::memcpy(blue, wr->lastBlue, 256),
