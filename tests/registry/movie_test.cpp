@@ -1,5 +1,5 @@
-// FLI/FLC through the read and write dispatch, and the movie functions'
-// routing and argument checks.
+// FLI/FLC through the write dispatch, and the movie functions' routing and
+// argument checks.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -15,55 +15,6 @@ using Bytes = std::vector<uint8_t>;
 uint16_t magicOf(const std::string& path) {
     Bytes b = iltest::readFile(path);
     return b.size() >= 6 ? uint16_t(b[4] | b[5] << 8) : 0;
-}
-
-TEST(FlicDispatch, PaletteImagesRoundTripThroughEveryReader) {
-    iltest::TempDir d;
-    const int w = 13, h = 5;
-    uint8_t red[256], green[256], blue[256];
-    for (int i = 0; i < 256; ++i) red[i] = uint8_t(i), green[i] = uint8_t(i * 5), blue[i] = uint8_t(255 - i);
-    Bytes map(size_t(w) * h);
-    for (size_t i = 0; i < map.size(); ++i) map[i] = uint8_t(i * 29);
-    const ImageSize size{w, h};
-    const std::string path = d.file("a.flc");
-    ASSERT_EQ(korImage_createFileFromMap(path.c_str(), -1, COLORMODE_PALETTE256, &size, map.data(), red, green, blue,
-                                         256, nullptr),
-              0);
-    EXPECT_EQ(magicOf(path), 0xAF12);
-    EXPECT_EQ(korImage_fileType(-1, path.c_str()), 15);
-
-    ImageSize s{};
-    int mode = 0, layout = 0, count = 0;
-    ASSERT_EQ(korImage_readFileInfo(&s, &mode, nullptr, path.c_str(), -1), 0);
-    EXPECT_EQ(s.x, w);
-    EXPECT_EQ(mode, COLORMODE_PALETTE256);
-
-    uint8_t r[256], g[256], b[256];
-    void* buf = nullptr;
-    ASSERT_EQ(korImage_readFileToBuffer(&buf, &layout, &mode, r, g, b, &count, &s, path.c_str(), -1, 0, nullptr), 0);
-    EXPECT_EQ(layout, IMAGEFORMAT_MAP);
-    EXPECT_EQ(count, 256);
-    EXPECT_EQ(Bytes(static_cast<uint8_t*>(buf), static_cast<uint8_t*>(buf) + map.size()), map);
-    EXPECT_EQ(Bytes(r, r + 256), Bytes(red, red + 256));
-    korImage_freeImage(buf, &s, layout);
-
-    uint8_t* rgb = nullptr;
-    ASSERT_EQ(korImage_readFileToRGB(&rgb, &s, path.c_str(), -1, nullptr, nullptr), 0);
-    for (int x = 0; x < w; ++x) {
-        EXPECT_EQ(rgb[x], red[map[x]]);
-        EXPECT_EQ(rgb[2 * w + x], blue[map[x]]);
-    }
-    korImage_freeImage(rgb, &s, IMAGEFORMAT_RGB);
-
-    // PackByte rows through the PackByte writer: the same file content.
-    uint8_t** rows = nullptr;
-    ASSERT_EQ(korImage_readFileToMap(&rows, &s, r, g, b, &count, path.c_str(), -1, nullptr, nullptr), 0);
-    const std::string again = d.file("b.flc");
-    ASSERT_EQ(korImage_createFileFromPackByte(again.c_str(), -1, COLORMODE_PALETTE256, &s, rows, r, g, b, count,
-                                              nullptr),
-              0);
-    korImage_freeImage(rows, &s, IMAGEFORMAT_PACKBYTE);
-    EXPECT_EQ(iltest::readFile(again), iltest::readFile(path));
 }
 
 TEST(FlicDispatch, FliOnlyAt320By200) {

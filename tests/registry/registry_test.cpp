@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "imagelib/imagelib.h"
@@ -38,22 +39,17 @@ TEST(Registry, TableRowsAreIndexedByType) {
 }
 
 TEST(Registry, ExtensionMappingFoldsCaseAndSkipsRowZero) {
-    EXPECT_EQ(korImage_typeFromExtension("/a/b/MAP.TIF"), 3);
-    EXPECT_EQ(korImage_fileNameType("/a/b/MAP.TIF"), 3);
-    EXPECT_EQ(korImage_typeFromExtension("map.tiff"), IMGERR_BADARG);
-    EXPECT_EQ(korImage_fileNameType("map.tiff"), 0);
-    EXPECT_EQ(korImage_typeFromExtension("README"), IMGERR_BADARG);
-    EXPECT_EQ(korImage_typeFromExtension("x.Bmp"), 9);
-    EXPECT_EQ(korImage_typeFromExtension("x.jpeg"), IMGERR_BADARG);
-    EXPECT_EQ(korImage_typeFromExtension("x.jp2"), 41);
-    // Quick mapping: only its seven names.
-    EXPECT_EQ(korImage_fileNameType("x.rgb"), 1);
-    EXPECT_EQ(korImage_fileNameType("x.Rs"), 10);
-    EXPECT_EQ(korImage_fileNameType("x.bmp"), 0);
-    // Shared Intergraph extensions fall back to the row's type when the
-    // header cannot be read (here: there is no such file).
-    EXPECT_EQ(korImage_typeFromExtension("/nonexistent/x.rle"), 13);
-    EXPECT_EQ(korImage_typeFromExtension("/nonexistent/x.COT"), 17);
+    // (name, type from the extension, type from the quick mapping of its seven names).
+    const std::tuple<const char*, int, int> cases[] = {
+        {"/a/b/MAP.TIF", 3, 3}, {"map.tiff", IMGERR_BADARG, 0}, {"README", IMGERR_BADARG, 0}, {"x.Bmp", 9, 0},
+        {"x.jpeg", IMGERR_BADARG, 0}, {"x.jp2", 41, 0}, {"x.rgb", 1, 1}, {"x.Rs", 10, 10},
+        // Shared Intergraph extensions fall back to the row's type when the
+        // header cannot be read (here: there is no such file).
+        {"/nonexistent/x.rle", 13, 0}, {"/nonexistent/x.COT", 17, 0}};
+    for (const auto& [name, byExtension, quick] : cases) {
+        EXPECT_EQ(korImage_typeFromExtension(name), byExtension) << name;
+        EXPECT_EQ(korImage_fileNameType(name), quick) << name;
+    }
 }
 
 TEST(Registry, DetectionFromContentsFollowsTheImportOrder) {

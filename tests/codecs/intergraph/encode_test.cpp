@@ -161,8 +161,7 @@ TEST(Cals, HeaderWrittenAndRead) {
     ImageSize size{};
     int mode = 0;
     ASSERT_EQ(cals_readHeader(&size, &mode, path.c_str()), 0);
-    EXPECT_EQ(size.x, 100);
-    EXPECT_EQ(size.y, 50);
+    EXPECT_EQ(std::pair(size.x, size.y), std::pair(100, 50));
     void* map = nullptr;
     uint8_t r[256], g[256], b[256];
     int count = 0;
@@ -204,8 +203,7 @@ TEST(Cals, GreyOf128WritesAClearBitAndFaxIsAlways1728By84) {
     const std::string fax = dir.file("f.fax");
     iltest::writeFile(fax, Bytes{1, 2, 3});
     ASSERT_EQ(fax_readFileInfo(&got, nullptr, fax.c_str()), 0);
-    EXPECT_EQ(got.x, 1728);
-    EXPECT_EQ(got.y, 84);
+    EXPECT_EQ(std::pair(got.x, got.y), std::pair(1728, 84));
     EXPECT_EQ(fax_readFileToMap(&map, &got, r, g, b, &count, fax.c_str(), 0, nullptr), IMGERR_BADFILE);
     EXPECT_EQ(fax_readFileToBitMap(&map, &got, fax.c_str(), nullptr), 32768);
 }
@@ -218,8 +216,7 @@ TEST(Rlc, SpansToMapAndMirroredBitmap) {
     ImageSize size{};
     int mode = 0;
     ASSERT_EQ(rlc_readFileInfo(&size, &mode, path.c_str()), 0);
-    EXPECT_EQ(size.x, 16);
-    EXPECT_EQ(size.y, 2);
+    EXPECT_EQ(std::pair(size.x, size.y), std::pair(16, 2));
     void* map = nullptr;
     uint8_t r[256], g[256], b[256];
     int count = 0;

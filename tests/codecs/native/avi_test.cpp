@@ -47,39 +47,19 @@ TEST(AviWrite, LayoutAndFields) {
     const uint32_t F = 40 * 8, N = 5;
     ASSERT_EQ(f.size(), 232 + N * (F + 24));
     EXPECT_EQ(f.size(), 1952u);
-    EXPECT_EQ(cc(f, 0), "RIFF");
-    EXPECT_EQ(u32(f, 4), f.size() - 8);
-    EXPECT_EQ(cc(f, 8), "AVI ");
-    EXPECT_EQ(cc(f, 12) + cc(f, 20) + cc(f, 24), "LISThdrlavih");
-    EXPECT_EQ(u32(f, 16), 192u);
-    EXPECT_EQ(u32(f, 32), 116667u);                    // microseconds a frame
-    EXPECT_EQ(u32(f, 36), ((F + 8) * 60 + 6) / 7);     // bytes a second, rounded up
-    EXPECT_EQ(u32(f, 44), 0x10u);                      // has an index
-    EXPECT_EQ(u32(f, 48), N);
-    EXPECT_EQ(u32(f, 56), 1u);
-    EXPECT_EQ(u32(f, 60), F);
-    EXPECT_EQ(u32(f, 64), 13u);
-    EXPECT_EQ(u32(f, 68), 8u);
-    EXPECT_EQ(cc(f, 88) + cc(f, 96) + cc(f, 100) + cc(f, 108), "LISTstrlstrhvids");
-    EXPECT_EQ(u32(f, 92), 116u);
-    EXPECT_EQ(u32(f, 112), 0u);  // handler
-    EXPECT_EQ(u32(f, 128), 7u);  // scale
-    EXPECT_EQ(u32(f, 132), 60u); // rate
-    EXPECT_EQ(u32(f, 140), N);
-    EXPECT_EQ(u32(f, 144), F);
-    EXPECT_EQ(u32(f, 148), 0xFFFFFFFFu);
-    EXPECT_EQ(u32(f, 156), 0u);
-    EXPECT_EQ(u32(f, 160), 13u | (8u << 16));
-    EXPECT_EQ(cc(f, 164), "strf");
-    EXPECT_EQ(u32(f, 172), 40u);
-    EXPECT_EQ(u32(f, 176), 13u);
-    EXPECT_EQ(u32(f, 180), 8u);  // positive: bottom row first
-    EXPECT_EQ(il::get16le(&f[184]), 1u);
-    EXPECT_EQ(il::get16le(&f[186]), 24u);
-    EXPECT_EQ(u32(f, 188), 0u);
-    EXPECT_EQ(u32(f, 192), F);
+    EXPECT_EQ(cc(f, 0) + cc(f, 8) + cc(f, 12) + cc(f, 20) + cc(f, 24), "RIFFAVI LISThdrlavih");
+    EXPECT_EQ(cc(f, 88) + cc(f, 96) + cc(f, 100) + cc(f, 108) + cc(f, 164), "LISTstrlstrhvidsstrf");
     EXPECT_EQ(cc(f, 212) + cc(f, 220), "LISTmovi");
-    EXPECT_EQ(u32(f, 216), 4 + N * (F + 8));
+    // (offset, value) of the 32-bit fields.
+    const std::pair<size_t, uint32_t> fields[] = {
+        {4, uint32_t(f.size() - 8)}, {16, 192}, {32, 116667},  // microseconds a frame
+        {36, ((F + 8) * 60 + 6) / 7},                          // bytes a second, rounded up
+        {44, 0x10}, {48, N}, {56, 1}, {60, F}, {64, 13}, {68, 8}, {92, 116},
+        {112, 0},  // handler
+        {128, 7}, {132, 60}, {140, N}, {144, F}, {148, 0xFFFFFFFF}, {156, 0}, {160, 13u | (8u << 16)},
+        {172, 40}, {176, 13}, {180, 8},  // positive height: bottom row first
+        {184, 1u | (24u << 16)}, {188, 0}, {192, F}, {216, 4 + N * (F + 8)}};
+    for (const auto& [at, v] : fields) EXPECT_EQ(u32(f, at), v) << "offset " << at;
     const size_t idx = 224 + N * (F + 8);
     EXPECT_EQ(cc(f, idx), "idx1");
     EXPECT_EQ(u32(f, idx + 4), 16 * N);

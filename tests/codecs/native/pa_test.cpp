@@ -12,6 +12,7 @@
 #include "imagelib/host.h"
 #include "imagelib/pixels.h"
 #include "pixels/rows.h"
+#include "few_colours.h"
 #include "test_support.h"
 
 namespace {
@@ -46,23 +47,12 @@ protected:
         return p;
     }
     uint8_t red[256] = {}, green[256] = {}, blue[256] = {};
-    int count = 0;
-    ImageSize size{};
 
     // Reads a "p" file as a byte map (or PackByte rows decoded to one).
-    int readMap(const std::string& path, Bytes& out, int packed = 0, StopFunction stop = nullptr) {
-        void* map = nullptr;
-        int st = imageP_readToMap(&map, &size, red, green, blue, &count, path.c_str(), packed, stop);
-        if (st != 0) return st;
-        out.assign(size_t(size.x) * size.y, 0);
-        if (packed) {
-            il::packByteDecodeInto(out.data(), static_cast<uint8_t**>(map), &size);
-            korImage_freeImage(map, &size, IMAGEFORMAT_PACKBYTE);
-        } else {
-            std::memcpy(out.data(), map, out.size());
-            korImage_freeImage(map, &size, IMAGEFORMAT_MAP);
-        }
-        return 0;
+    maptest::MapImage read(const std::string& path, bool packed = false, StopFunction stop = nullptr) {
+        return maptest::readMap(packed, [&](void** out, ImageSize* s, uint8_t* r, uint8_t* g, uint8_t* b, int* n) {
+            return imageP_readToMap(out, s, r, g, b, n, path.c_str(), packed, stop);
+        });
     }
 };
 
@@ -93,8 +83,7 @@ TEST_F(PaTest, HeaderBytesOfA640By480Image) {
     ImageSize got{};
     int format = 0;
     EXPECT_EQ(imageP_readInfo(&got, &format, path.c_str()), 0);
-    EXPECT_EQ(got.x, 640);
-    EXPECT_EQ(got.y, 480);
+    EXPECT_EQ(std::pair(got.x, got.y), std::pair(640, 480));
     EXPECT_EQ(format, COLORMODE_PALETTE256);
 }
 
@@ -128,14 +117,12 @@ TEST_F(PaTest, MapRoundTripBothForms) {
     ASSERT_EQ(imageP_writeFromMap(path.c_str(), rows, red, green, blue, 5, &s, 3, 1, nullptr), 0);
     korImage_freeImage(rows, &s, IMAGEFORMAT_PACKBYTE);
     const uint8_t r0[5] = {0, 50, 100, 150, 200};
-    for (int packed : {0, 1}) {
-        Bytes out;
-        std::memset(red, 9, 256);
-        ASSERT_EQ(readMap(path, out, packed), 0);
-        EXPECT_EQ(out, map);
-        EXPECT_EQ(count, 5);
-        EXPECT_EQ(std::memcmp(red, r0, 5), 0);
-        EXPECT_EQ(red[5], 0);  // entries past the colour map are cleared
+    for (bool packed : {false, true}) {
+        const auto m = read(path, packed);
+        EXPECT_EQ(m.pixels, map);
+        EXPECT_EQ(m.count, 5);
+        EXPECT_EQ(std::memcmp(m.r, r0, 5), 0);
+        EXPECT_EQ(m.r[5], 0);  // entries past the colour map are cleared
     }
     int format = 0;
     EXPECT_EQ(imageP_readInfo(nullptr, &format, path.c_str()), 0);
@@ -149,29 +136,19 @@ TEST_F(PaTest, RGBWriterGreyAndPalette) {
     Bytes rgb = {10, 200, 0, 20, 100, 0, 30, 50, 255, 255, 255, 1, 255, 0, 22, 255, 0, 2};
     std::string path = dir.file("grey.p");
     ASSERT_EQ(imageP_writeFromRGB(path.c_str(), rgb.data(), &s, COLORMODE_GREY, nullptr), 0);
-    Bytes out;
-    ASSERT_EQ(readMap(path, out), 0);
-    EXPECT_EQ(count, 256);
-    EXPECT_EQ(red[77], 77);
-    EXPECT_EQ(blue[200], 200);
+    auto m = read(path);
+    EXPECT_EQ(m.count, 256);
+    EXPECT_EQ((Bytes{m.r[77], m.b[200]}), (Bytes{77, 200}));
     // 0.11 b + 0.3 r + 0.59 g + 0.5, truncated, summed in this order: (1, 22,
     // 2) gives 13 (summed from red, it would give 14).
-    EXPECT_EQ(out, (Bytes{18, 125, 28, 255, 77, 13}));
+    EXPECT_EQ(m.pixels, (Bytes{18, 125, 28, 255, 77, 13}));
 
-    // Six colours the palette optimiser holds exactly (components multiples
-    // of 8): the pixels come back as they were.
-    rgb = {8, 200, 0, 16, 96, 0, 24, 48, 248, 248, 248, 88, 248, 0, 56, 248, 0, 24};
+    // Colours the palette optimiser holds exactly come back as they were.
+    rgb = maptest::fewColours(3, 2);
     path = dir.file("pal.p");
     ASSERT_EQ(imageP_writeFromRGB(path.c_str(), rgb.data(), &s, COLORMODE_PALETTE256, nullptr), 0);
-    ASSERT_EQ(readMap(path, out), 0);
-    ASSERT_GE(count, 6);
-    for (int y = 0; y < 2; ++y)
-        for (int x = 0; x < 3; ++x) {
-            const uint8_t i = out[size_t(3 * y + x)];
-            EXPECT_EQ(red[i], rgb[size_t(9 * y + x)]);
-            EXPECT_EQ(green[i], rgb[size_t(9 * y + 3 + x)]);
-            EXPECT_EQ(blue[i], rgb[size_t(9 * y + 6 + x)]);
-        }
+    m = read(path);
+    EXPECT_EQ(maptest::expand(m), rgb);
     // Stopped before the file is opened: 1 and no file.
     path = dir.file("stopped.p");
     EXPECT_EQ(imageP_writeFromRGB(path.c_str(), rgb.data(), &s, COLORMODE_PALETTE16, [](int, int) { return 1; }),
@@ -182,13 +159,12 @@ TEST_F(PaTest, RGBWriterGreyAndPalette) {
 TEST_F(PaTest, ReaderRules) {
     const Bytes cm = {1, 2, 3, 4, 5, 6};
     const Bytes px = {0, 1, 1, 0};
-    Bytes out;
     // A longer attribute chunk is skipped past; a count of 16 reports 256.
     std::string p = put(pFile("   2   2  16 extra", cm, px));
-    ASSERT_EQ(readMap(p, out), 0);
-    EXPECT_EQ(out, px);
-    EXPECT_EQ(count, 16);
-    EXPECT_EQ((Bytes{red[1], green[1], blue[1]}), (Bytes{4, 5, 6}));
+    auto m = read(p);
+    EXPECT_EQ(m.pixels, px);
+    EXPECT_EQ(m.count, 16);
+    EXPECT_EQ((Bytes{m.r[1], m.g[1], m.b[1]}), (Bytes{4, 5, 6}));
     int format = 0;
     EXPECT_EQ(imageP_readInfo(nullptr, &format, p.c_str()), 0);
     EXPECT_EQ(format, COLORMODE_PALETTE256);
@@ -196,31 +172,29 @@ TEST_F(PaTest, ReaderRules) {
     // The contiguous form reads the chunk's length, the rest is 0; the
     // PackByte form reads whole rows.
     p = put(pFile("   2   2   2", cm, {1, 1, 1, 1}, "PD       3"));
-    ASSERT_EQ(readMap(p, out), 0);
-    EXPECT_EQ(out, (Bytes{1, 1, 1, 0}));
-    ASSERT_EQ(readMap(p, out, 1), 0);
-    EXPECT_EQ(out, (Bytes{1, 1, 1, 1}));
+    EXPECT_EQ(read(p).pixels, (Bytes{1, 1, 1, 0}));
+    EXPECT_EQ(read(p, true).pixels, (Bytes{1, 1, 1, 1}));
 
     // Bad pixel chunk header: 32768; bad colour map header: -154.
-    EXPECT_EQ(readMap(put(pFile("   2   2   2", cm, px, "PX       4")), out), kPOutOfRange);
+    EXPECT_EQ(read(put(pFile("   2   2   2", cm, px, "PX       4"))).status, kPOutOfRange);
     Bytes badCm = pFile("   2   2   2", cm, px);
     badCm[30] = 'X';
-    EXPECT_EQ(readMap(put(badCm), out), IMGERR_BADFILE);
+    EXPECT_EQ(read(put(badCm)).status, IMGERR_BADFILE);
 
     // Headers that do not parse, sizes the file cannot hold, too many colours.
     for (const Bytes& f : {pFile("   2   2   ", cm, px), text("SCMI   2AT      12   2   2   2"),
                            text("SCMI   1AT      20   2   2   2"), pFile("9999 999   2", cm, px),
                            pFile("   2   2 257", cm, px), pFile("   0   2   2", cm, px)}) {
         std::string path = put(f);
-        EXPECT_EQ(readMap(path, out), IMGERR_BADFILE) << std::string(f.begin(), f.begin() + 30);
-        EXPECT_EQ(readMap(path, out, 1), IMGERR_BADFILE);
+        EXPECT_EQ(read(path).status, IMGERR_BADFILE) << std::string(f.begin(), f.begin() + 30);
+        EXPECT_EQ(read(path, true).status, IMGERR_BADFILE);
     }
     EXPECT_FALSE(imageP_detect(put(text("SCMI   1AT     12    2   2   2")).c_str()));
 
     // Stop polls: before the colour map 1, during the rows -144.
     p = put(pFile("   2   2   2", cm, px));
-    EXPECT_EQ(readMap(p, out, 1, [](int, int) { return 1; }), 1);
-    EXPECT_EQ(readMap(p, out, 1, [](int total, int) { return total; }), IMGERR_STOPPED);
+    EXPECT_EQ(read(p, true, [](int, int) { return 1; }).status, 1);
+    EXPECT_EQ(read(p, true, [](int total, int) { return total; }).status, IMGERR_STOPPED);
 }
 
 TEST_F(PaTest, AFilesOf3By2) {
@@ -241,8 +215,7 @@ TEST_F(PaTest, AFilesOf3By2) {
     EXPECT_EQ(format, COLORMODE_RGB);
     uint8_t* back = nullptr;
     ASSERT_EQ(imageA_readToRGB(&back, &got, path.c_str(), nullptr), 0);
-    EXPECT_EQ(got.x, 3);
-    EXPECT_EQ(got.y, 2);
+    EXPECT_EQ(std::pair(got.x, got.y), std::pair(3, 2));
     EXPECT_EQ(Bytes(back, back + 18), rgb);
     korImage_freeImage(back, &got, IMAGEFORMAT_RGB);
 

@@ -106,15 +106,11 @@ TEST_F(PictFile, HeaderAndIndexedPixelMap) {
                             0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
                             0x00, 0x1E, 0x00, 0x01, 0, 10, 0, 0, 0, 0, 0, 2, 1, 0x2C};
     EXPECT_EQ(header, expected);
-    EXPECT_EQ(be16(f, 566), 0x0098);
-    EXPECT_EQ(be16(f, 568), 0x8000 | 300);
-    EXPECT_EQ(be16(f, 580), 4);         // pack type
-    EXPECT_EQ(il::get32be(&f[586]), 0x00480000u);
-    EXPECT_EQ(be16(f, 596), 8);         // pixel size
-    EXPECT_EQ(be16(f, 600), 8);         // component size
-    EXPECT_EQ(il::get32be(&f[614]), 0x0000FFFFu);
-    EXPECT_EQ(be16(f, 618), 0x8000);
-    EXPECT_EQ(be16(f, 620), 4);         // five entries
+    // (offset, 16-bit value): opcode, row bytes, pack type, pixel and
+    // component size, colour table flags and last entry.
+    for (auto [at, v] : {std::pair<size_t, int>{566, 0x0098}, {568, 0x8000 | 300}, {580, 4}, {586, 0x48}, {588, 0},
+                         {596, 8}, {600, 8}, {614, 0}, {616, 0xFFFF}, {618, 0x8000}, {620, 4}})
+        EXPECT_EQ(be16(f, at), v) << "offset " << at;
     EXPECT_EQ(Bytes(f.begin() + 622 + 4 * 8, f.begin() + 622 + 5 * 8),
               (Bytes{0x08, 0x00, 0xFF, 0x00, 0x80, 0x00, 0x00, 0x00}));
     const size_t rows = 622 + 5 * 8 + 18;
@@ -132,21 +128,18 @@ TEST_F(PictFile, HeaderAndIndexedPixelMap) {
     }
 }
 
-TEST_F(PictFile, RowCountsTakeTwoBytesFromRowBytes251) {
+TEST_F(PictFile, OneByteRowCountsBelowRowBytes251AndFourBitMaps) {
     for (int width : {250, 251}) {
         const Bytes f = writeMap(width);
-        const size_t rows = 622 + 5 * 8 + 18;
-        const size_t countBytes = width < 251 ? 1 : 2;
+        const size_t rows = 622 + 5 * 8 + 18, countBytes = width < 251 ? 1 : 2;
         const size_t n = countBytes == 1 ? f[rows] : be16(f, rows);
         EXPECT_EQ(n, pack(indexRow(width)).size()) << width;
         const size_t end = rows + 2 * (countBytes + n);
         EXPECT_EQ(f.size(), end + (end & 1) + 2) << width;
     }
-}
-
-TEST_F(PictFile, FourBitMapKeepsOneIndexBytePerPixel) {
+    // Four bits a pixel: row bytes for 4 bits, but one index byte a pixel.
     const Bytes f = writeMap(20, COLORMODE_PALETTE16);
-    EXPECT_EQ(be16(f, 568), 0x8000 | 10);  // row bytes for 4 bits a pixel
+    EXPECT_EQ(be16(f, 568), 0x8000 | 10);
     EXPECT_EQ(be16(f, 596), 4);
     const size_t rows = 622 + 5 * 8 + 18;
     EXPECT_EQ(unpack(Bytes(f.begin() + long(rows) + 1, f.begin() + long(rows) + 1 + f[rows])), indexRow(20));
@@ -166,13 +159,9 @@ TEST_F(PictFile, StreamedTrueColourRows) {
 
     const Bytes f = iltest::readFile(path);
     const size_t op = kPictHeaderBytes;
-    EXPECT_EQ(be16(f, op), 0x009A);
-    EXPECT_EQ(il::get32be(&f[op + 2]), 0x000000FFu);
-    EXPECT_EQ(be16(f, op + 6), 0x8000 | 280);
-    EXPECT_EQ(be16(f, op + 32), 16);  // pixel type
-    EXPECT_EQ(be16(f, op + 34), 32);  // pixel size
-    EXPECT_EQ(be16(f, op + 36), 3);   // components
-    EXPECT_EQ(be16(f, op + 38), 8);
+    for (auto [at, v] : {std::pair<size_t, int>{0, 0x009A}, {2, 0}, {4, 0xFF}, {6, 0x8000 | 280},
+                         {32, 16} /* pixel type */, {34, 32} /* pixel size */, {36, 3} /* components */, {38, 8}})
+        EXPECT_EQ(be16(f, op + at), v) << "offset " << at;
     const size_t rows = op + kPictDirectHeaderBytes;
     const size_t n = be16(f, rows);
     Bytes planes = red;

@@ -29,24 +29,21 @@ TEST(Pma, SizeAndPixelsFromTheProgram) {
     int format = 0;
     ASSERT_EQ(imagePma_open(&s, &format, kProgram), 0);
     EXPECT_EQ(format, COLORMODE_RGB);
-    EXPECT_EQ(s.x, 7);
-    EXPECT_EQ(s.y, 5);
+    EXPECT_EQ(std::pair(s.x, s.y), std::pair(7, 5));
     EXPECT_EQ(korSystem_getTaskStatistics("pmaprog"), 1);
 
     // No size given (-1, -1): the program's own.
     uint8_t* rgb = nullptr;
     s = ImageSize{-1, -1};
     ASSERT_EQ(imagePma_readToRGB(&rgb, &s, kProgram, nullptr), 0);
-    EXPECT_EQ(s.x, 7);
-    EXPECT_EQ(s.y, 5);
+    EXPECT_EQ(std::pair(s.x, s.y), std::pair(7, 5));
     expectDrawn(rgb, s);
     korImage_freeImage(rgb, &s, IMAGEFORMAT_RGB);
 
     // A positive size is kept: the program draws at it.
     s = ImageSize{12, 3};
     ASSERT_EQ(imagePma_readToRGB(&rgb, &s, kProgram, nullptr), 0);
-    EXPECT_EQ(s.x, 12);
-    EXPECT_EQ(s.y, 3);
+    EXPECT_EQ(std::pair(s.x, s.y), std::pair(12, 3));
     expectDrawn(rgb, s);
     korImage_freeImage(rgb, &s, IMAGEFORMAT_RGB);
 }

@@ -91,11 +91,9 @@ TEST_F(WpgFile, HeaderStartRecordAndLongColourMap) {
     const uint32_t length = (uint32_t(il::get16le(&f[bm + 2]) & 0x7FFF) << 16) | il::get16le(&f[bm + 4]);
     EXPECT_EQ(il::get16le(&f[bm + 2]) & 0x8000, 0x8000);
     EXPECT_EQ(f.size(), bm + 6 + length + 2);
-    EXPECT_EQ(il::get16le(&f[bm + 6]), 76);
-    EXPECT_EQ(il::get16le(&f[bm + 8]), 76);
-    EXPECT_EQ(il::get16le(&f[bm + 10]), 8);
-    EXPECT_EQ(il::get16le(&f[bm + 12]), 76);
-    EXPECT_EQ(il::get16le(&f[bm + 14]), 76);
+    EXPECT_EQ((std::vector<int>{il::get16le(&f[bm + 6]), il::get16le(&f[bm + 8]), il::get16le(&f[bm + 10]),
+                                il::get16le(&f[bm + 12]), il::get16le(&f[bm + 14])}),
+              (std::vector<int>{76, 76, 8, 76, 76}));
     // Every row: 0x80 | 75 repeats of 3, then a literal 3.
     for (int y = 0; y < 76; ++y)
         ASSERT_EQ(Bytes(f.begin() + long(bm) + 16 + 4 * y, f.begin() + long(bm) + 20 + 4 * y),
