@@ -77,6 +77,7 @@ const Rule kRules[] = {
     // there gives the palette's 1 (BMP, GIF, PICT, WPG) or -144 (PNG, COT).
     {true, 4, kFromRgb, kPaletteModes, 1, kAnswer},
     {true, 7, kFromRgb, kPaletteModes, 1, kAnswer},
+    {true, 7, kFromRgb, 1 << COLORMODE_RGBA, 1, kAnswer},  // over 255 colours: through the palette too
     {true, 8, kFromRgb, kPaletteModes, 1, kAnswer},
     {true, 9, kFromRgb, kPaletteModes, 1, kAnswer},
     {true, 28, kFromRgb, kPaletteModes, IMGERR_STOPPED, kAnswer},
