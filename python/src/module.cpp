@@ -84,7 +84,9 @@ public:
     // the library) become their negative equivalents.
     int finish(int status) const {
         if (state_.raised) throw py::error_already_set();
-        if (status > 0 && state_.stopped) return IMGERR_STOPPED;
+        // A stop makes the operation fail with whatever its code keeps for
+        // the failure (the CLI's steps map some to file errors): stopped.
+        if (status != 0 && state_.stopped) return IMGERR_STOPPED;
         switch (status) {
             case IMGSTAT_STREAM_STOPPED: return IMGERR_OPENFAILED;  // not stopped: the file did not open
             case IMGSTAT_NO_HANDLER: return IMGERR_BADFILE;         // unreadable header
