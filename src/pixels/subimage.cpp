@@ -286,7 +286,9 @@ int korImage_extractRLEBitMapSubImage(uint16_t** destination, const ImageSize* d
     Plan p;
     if (int status = makePlan(p, destinationSize, sourceSize, rectangle); status != 0 || p.empty()) return status;
     if (!destination || !source) return IMGERR_BADARG;
-    Scratch<uint8_t> sourceBits(il::bits::rowBytes(p.sw), il::tag("SIbi")),
+    // Zeroed: the run decoder keeps the padding bits of the last byte as it
+    // finds them, and the unpacking reads that whole byte.
+    Scratch<uint8_t> sourceBits(il::bits::rowBytes(p.sw), il::tag("SIbi"), true),
         bits(il::bits::rowBytes(p.dw), il::tag("SIbo"));
     if (!sourceBits.ok() || !bits.ok()) return IMGERR_NOMEMORY;
     return extractToRowTable(
@@ -333,7 +335,7 @@ int korImage_subByteMapFromRLEBitMap(uint8_t* destination, const ImageSize* dest
     Plan p;
     if (int status = makePlan(p, destinationSize, sourceSize, rectangle); status != 0 || p.empty()) return status;
     if (!destination || !source) return IMGERR_BADARG;
-    Scratch<uint8_t> sourceBits(il::bits::rowBytes(p.sw), il::tag("SIbi"));
+    Scratch<uint8_t> sourceBits(il::bits::rowBytes(p.sw), il::tag("SIbi"), true);  // padding bits: as above
     if (!sourceBits.ok()) return IMGERR_NOMEMORY;
     return subByteMap(destination, p,
                       [&](uint8_t* bytes, int32_t row) { expandRunRow(bytes, sourceBits.get(), source[row], p); });
