@@ -68,4 +68,17 @@ private:
     int status_ = 0;
 };
 
+// Runs a palette writer's rows top to bottom: poll(y) first, then
+// out.row(build(y)) with the row's index bytes; a nonzero poll or a failed
+// row ends the loop, and out.finish(status) closes the picture either way.
+template <class Writer, class Poll, class Build>
+int writeIndexRows(Writer& out, int height, Poll poll, Build build) {
+    int status = 0;
+    for (int y = 0; y < height; ++y) {
+        if ((status = poll(y))) break;
+        if ((status = out.row(build(y)))) break;
+    }
+    return out.finish(status);
+}
+
 }  // namespace il

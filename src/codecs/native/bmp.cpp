@@ -565,15 +565,24 @@ int imageBmp_readToBitMap(void** bitmap, ImageSize* size, int runLength, const c
 
 // --- writing -----------------------------------------------------------------
 
-int imageBmp_writeHeaders(il::File& f, const ImageSize* size, int bitCount, int colourCount, const uint8_t* red,
-                          const uint8_t* green, const uint8_t* blue) noexcept {
-    uint8_t h[kFileHeaderBytes + kInfoHeaderBytes] = {};
-    uint8_t* info = h + kFileHeaderBytes;
-    il::put32le(info, kInfoHeaderBytes);
+namespace {
+
+// The fields every info header starts with: its length, the size (rows
+// bottom-up), one plane and the bits a pixel.
+void putInfoStart(uint8_t* info, uint32_t headerBytes, const ImageSize* size, int bitCount) {
+    il::put32le(info, headerBytes);
     il::put32le(info + 4, uint32_t(size->x));
     il::put32le(info + 8, uint32_t(size->y));
     il::put16le(info + 12, 1);
     il::put16le(info + 14, uint32_t(bitCount));
+}
+
+}  // namespace
+
+int imageBmp_writeHeaders(il::File& f, const ImageSize* size, int bitCount, int colourCount, const uint8_t* red,
+                          const uint8_t* green, const uint8_t* blue) noexcept {
+    uint8_t h[kFileHeaderBytes + kInfoHeaderBytes] = {};
+    putInfoStart(h + kFileHeaderBytes, kInfoHeaderBytes, size, bitCount);
     if (!f.write(h, sizeof h)) return IMGERR_WRITEFAILED;
     if (bitCount > 8) return 0;
     // Always a full palette of 2^bits entries; the colours-used field stays 0.
@@ -597,7 +606,6 @@ int imageBmp_finishFileHeader(il::File& f, uint32_t dataOffset, uint32_t fileSiz
 }
 
 namespace {
-
 
 // Joins pixels two to a byte, first pixel in the high nibble.
 void joinNibbles(uint8_t* dst, const uint8_t* src, int width) {
@@ -626,11 +634,7 @@ public:
         if (!file_.ok()) return IMGERR_OPENFAILED;
         uint8_t h[kFileHeaderBytes + kLargestHeaderBytes] = {};
         uint8_t* info = h + kFileHeaderBytes;
-        il::put32le(info, kLargestHeaderBytes);
-        il::put32le(info + 4, uint32_t(size->x));
-        il::put32le(info + 8, uint32_t(size->y));
-        il::put16le(info + 12, 1);
-        il::put16le(info + 14, 32);
+        putInfoStart(info, kLargestHeaderBytes, size, 32);
         il::put32le(info + 16, 3);  // bit fields
         il::put32le(info + 20, uint32_t(uint64_t(size->x) * 4 * uint64_t(size->y)));
         il::put32le(info + 40, 0x00FF0000u);  // red

@@ -179,17 +179,6 @@ private:
     int width_ = 0;
 };
 
-// Runs the rows top to bottom: poll(y) first, then build(y, buf) gives the
-// row's index bytes. A nonzero poll or a failed write ends the loop.
-template <class Poll, class Build>
-int writeRows(IndexedWriter& out, const ImageSize* size, Poll poll, Build build) {
-    int status = 0;
-    for (int y = 0; y < size->y; ++y) {
-        if ((status = poll(y))) break;
-        if ((status = out.row(build(y)))) break;
-    }
-    return out.finish(status);
-}
 
 }  // namespace
 
@@ -241,8 +230,7 @@ int imagePict_writeFromMap(const char* path, const void* map, const uint8_t* red
     if (!rows.ok()) return IMGERR_NOMEMORY;
     IndexedWriter out;
     if (int st = out.begin(path, size, bits, std::min(rows.count(), 256), rows.red(), rows.green(), rows.blue())) return st;
-    int st = writeRows(
-        out, size, [&](int y) { return imageUtil_reportProgress(stop, size->y, y); },
+    int st = il::writeIndexRows(out, size->y, [&](int y) { return imageUtil_reportProgress(stop, size->y, y); },
         [&](int y) -> const uint8_t* { return rows.row(y); });
     return rows.status() ? rows.status() : st;
 }
@@ -296,7 +284,7 @@ int imagePict_writeFromRGB(const char* path, const uint8_t* rgb, const ImageSize
     if (!row.ok()) return IMGERR_NOMEMORY;
     IndexedWriter out;
     if (int st = out.begin(path, size, 8, count, red, green, blue)) return st;
-    return writeRows(out, size, poll, [&](int y) -> const uint8_t* {
+    return il::writeIndexRows(out, size->y, poll, [&](int y) -> const uint8_t* {
         const uint8_t *r = rgb + size_t(y) * planeRow, *g = r + w, *b = g + w;
         if (imageFormat == COLORMODE_GREY) {
             for (int x = 0; x < w; ++x) row[size_t(x)] = il::greyLevelWriter(r[x], g[x], b[x]);

@@ -106,17 +106,6 @@ private:
     uint32_t length_ = 10;  // the five 16-bit fields, then the coded rows
 };
 
-// Runs the rows top to bottom: poll(y) first, then build(y) gives the row's
-// index bytes. A nonzero poll or a failed write ends the loop.
-template <class Poll, class Build>
-int writeRows(Writer& out, const ImageSize* size, Poll poll, Build build) {
-    int status = 0;
-    for (int y = 0; y < size->y; ++y) {
-        if ((status = poll(y))) break;
-        if ((status = out.row(build(y)))) break;
-    }
-    return out.finish(status);
-}
 
 }  // namespace
 
@@ -199,8 +188,7 @@ int imageWpg_writeFromMap(const char* path, const void* map, const uint8_t* red,
     if (!rows.ok()) return IMGERR_NOMEMORY;
     Writer out;
     if (int st = out.begin(path, size, depth, rows.count(), rows.red(), rows.green(), rows.blue())) return st;
-    int st = writeRows(
-        out, size, [&](int y) { return imageUtil_reportProgress(stop, size->y, y); },
+    int st = il::writeIndexRows(out, size->y, [&](int y) { return imageUtil_reportProgress(stop, size->y, y); },
         [&](int y) -> const uint8_t* { return rows.row(y); });
     return rows.status() ? rows.status() : st;
 }
@@ -230,8 +218,7 @@ int imageWpg_writeFromRGB(const char* path, const uint8_t* rgb, const ImageSize*
 
     Writer out;
     if (int st = out.begin(path, size, depth, count, red, green, blue)) return st;
-    return writeRows(
-        out, size, [&](int) { return imageUtil_stopped(stop); },
+    return il::writeIndexRows(out, size->y, [&](int) { return imageUtil_stopped(stop); },
         [&](int y) -> const uint8_t* {
             const uint8_t *r = rgb + size_t(y) * planeRow, *g = r + w, *b = g + w;
             if (imageFormat == COLORMODE_GREY) {
