@@ -115,6 +115,11 @@ TEST_F(Cli, ConvertReportsFailures) {
     EXPECT_EQ(cli("convert /nonexistent.tga " + d.file("x.bmp")), 1);
     EXPECT_EQ(cli("convert " + in + " " + d.file("x.unknownext")), 1);
     EXPECT_EQ(cli("convert " + in + " " + d.file("x.rlc")), 1);  // RLC has no writer: -119
+    // A streamed PPM whose header claims more rows than the file holds.
+    ASSERT_TRUE(iltest::writeFile(d.file("huge.ppm"), std::string("P6\n200000000 9\n255\n") + kPixels));
+    std::string huge;
+    EXPECT_EQ(cli("convert --stream " + d.file("huge.ppm") + " " + d.file("huge.tga"), &huge, true), 1);
+    EXPECT_NE(huge.find("(status -154)"), std::string::npos) << huge;
     ASSERT_TRUE(iltest::writeFile(d.file("bad.bmp"), std::string("BMxx")));
     std::string err;
     EXPECT_EQ(cli("info " + d.file("bad.bmp"), &err, true), 1);

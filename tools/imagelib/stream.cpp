@@ -1,6 +1,7 @@
 // imagelib convert --stream: one row at a time from the library's row
 // reader to its row writer (or a PPM/PAM file), in memory that does not grow
 // with the height of the image.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -198,6 +199,15 @@ private:
             return IMGSTAT_NO_HANDLER;  // plain and bit PNM: read whole
         }
         if (w <= 0 || h <= 0 || w > 0x7FFFFFFF / 8 || h > 0x7FFFFFFF || maxval < 1 || maxval > 65535)
+            return IMGERR_BADFILE;
+        // The samples of binary PNM have a fixed size: a header that claims
+        // more rows than a regular file holds is refused before the row
+        // buffer is made for it.
+        const uint64_t rowBytes = uint64_t(w) * uint64_t(depth) * (maxval > 255 ? 2 : 1);
+        struct stat st;
+        const long at = std::ftell(file_.get());
+        if (at >= 0 && ::fstat(::fileno(file_.get()), &st) == 0 && S_ISREG(st.st_mode) &&
+            (uint64_t(st.st_size) < uint64_t(at) || (uint64_t(st.st_size) - uint64_t(at)) / rowBytes < uint64_t(h)))
             return IMGERR_BADFILE;
         size_ = {int32_t(w), int32_t(h)};
         depth_ = int(depth);

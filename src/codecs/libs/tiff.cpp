@@ -124,10 +124,12 @@ int forEachStoredRow(TIFF* t, const Fields& f, size_t rowBytes, StopFunction sto
         return 0;
     }
     const tmsize_t tileSize = TIFFTileSize(t), tileRow = TIFFTileRowSize(t);
+    // Checked before the band of tile rows is allocated: a tile length no
+    // tile holds must not size it.
+    if (tileRow <= 0 || uint64_t(tileRow) * f.tileLength > uint64_t(tileSize)) return IMGERR_BADFILE;
     il::Scratch<uint8_t> tile, band;
     if (!lineBuffer(tile, 0, tileSize, il::tag("TfRT")) || !band.allocate(rowBytes * f.tileLength, il::tag("TfRb"), true))
         return IMGERR_NOMEMORY;
-    if (tileRow <= 0 || uint64_t(tileRow) * f.tileLength > uint64_t(tileSize)) return IMGERR_BADFILE;
     for (uint32_t ty = 0; ty < f.height; ty += f.tileLength) {
         if (stopped(stop, int(f.height), int(ty))) return IMGERR_STOPPED;
         const uint32_t rowsHere = std::min(f.tileLength, f.height - ty);
