@@ -26,7 +26,9 @@ for h in "$build"/fuzz/fuzz_*; do
   name=$(basename "$h")
   if [ ${#only[@]} -gt 0 ] && [[ ! " ${only[*]} " =~ " ${name} " ]]; then continue; fi
   seeds=()
-  [ -d "$root/fuzz/corpus/${name#fuzz_}" ] && seeds+=("$root/fuzz/corpus/${name#fuzz_}")
+  if [ -d "$root/fuzz/corpus/${name#fuzz_}" ]; then seeds+=("$root/fuzz/corpus/${name#fuzz_}")
+  else for d in "$root"/fuzz/corpus/*/; do seeds+=("${d%/}"); done  # type detection: every seed
+  fi
   work=$(mktemp -d)
   echo "-- $name (${secs}s)"
   if [ -z "$report" ]; then
