@@ -71,7 +71,7 @@ command_of() {
         magick:tif) echo "convert $in -compress LZW $out" ;;
         gm:tif) echo "gm convert $in -compress LZW $out" ;;
         vips:tif) echo "vips copy $in $out[compression=lzw]" ;;
-        imagelib:none.tif) echo "$cli convert $in $out --compression 1" ;;
+        imagelib:none.tif) echo "$cli convert $in $out --compression 0" ;;
         magick:none.tif) echo "convert $in -compress None $out" ;;
         gm:none.tif) echo "gm convert $in -compress None $out" ;;
         vips:none.tif) echo "vips copy $in $out" ;;

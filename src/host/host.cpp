@@ -5,14 +5,29 @@
 #include <cstring>
 #include <mutex>
 
+#include <sys/mman.h>
+
 #include "host/host_internal.h"
 
 namespace {
 
-void* defMalloc(size_t n) { return std::malloc(n); }
-void* defCalloc(size_t c, size_t n) { return std::calloc(c, n); }
+// Whole-image buffers are tens of megabytes that are filled once from
+// start to end: backed by huge pages, they cost a few hundred page faults
+// instead of one every 4 KiB (most of a plain conversion's time).
+void* bigBlock(void* p, size_t n) {
+    constexpr size_t kHuge = size_t(2) << 20, kPage = 4096;
+    if (p && n >= 2 * kHuge) {
+        const uintptr_t from = (uintptr_t(p) + kPage - 1) & ~uintptr_t(kPage - 1);
+        const uintptr_t to = (uintptr_t(p) + n) & ~uintptr_t(kPage - 1);
+        if (to > from) ::madvise(reinterpret_cast<void*>(from), to - from, MADV_HUGEPAGE);
+    }
+    return p;
+}
+
+void* defMalloc(size_t n) { return bigBlock(std::malloc(n), n); }
+void* defCalloc(size_t c, size_t n) { return bigBlock(std::calloc(c, n), c * n); }
 void defFree(void* p) { std::free(p); }
-void* defScratchMalloc(size_t n, uint32_t) { return std::malloc(n); }
+void* defScratchMalloc(size_t n, uint32_t) { return bigBlock(std::malloc(n), n); }
 void defScratchFree(void* p) { std::free(p); }
 
 int defGetCfgVar(char* buffer, const char* name, int size) {

@@ -4,6 +4,7 @@
 
 #include "internal/scratch.h"
 #include "pixels/colour.h"
+#include "pixels/rgbrows.h"
 
 namespace {
 
@@ -58,8 +59,6 @@ void deinterleave(uint8_t* out, const uint8_t* in, size_t width) {
     }
 }
 
-constexpr int kRGB[3] = {0, 1, 2};
-constexpr int kBGR[3] = {2, 1, 0};
 constexpr int kRGBA[4] = {0, 1, 2, 3};
 
 }  // namespace
@@ -134,7 +133,7 @@ int korImage_RGBToRGBSeparate(uint8_t* dst, const uint8_t* src, const ImageSize*
         return convertRows(dst, src, size, 4 * width, 4 * width, stop,
                            [width](uint8_t* out, const uint8_t* in) { deinterleave<4, 4>(out, in, width); });
     return convertRows(dst, src, size, 3 * width, 3 * width, stop,
-                       [width](uint8_t* out, const uint8_t* in) { deinterleave<3, 3>(out, in, width); });
+                       [width](uint8_t* out, const uint8_t* in) { il::rgbRowToPlanes(out, in, width); });
 }
 
 int korImage_RGBSeparateToRGB(uint8_t* dst, const uint8_t* src, const ImageSize* size, int layout,
@@ -145,14 +144,14 @@ int korImage_RGBSeparateToRGB(uint8_t* dst, const uint8_t* src, const ImageSize*
         return convertRows(dst, src, size, 4 * width, 4 * width, stop,
                            [width](uint8_t* out, const uint8_t* in) { interleave<4>(out, in, width, kRGBA); });
     return convertRows(dst, src, size, 3 * width, 3 * width, stop,
-                       [width](uint8_t* out, const uint8_t* in) { interleave<3>(out, in, width, kRGB); });
+                       [width](uint8_t* out, const uint8_t* in) { il::planesToRGBRow(out, in, width); });
 }
 
 int korImage_RGBSeparateToBGR(uint8_t* dst, const uint8_t* src, const ImageSize* size, StopFunction stop) noexcept {
     if (!sizeOk(size)) return IMGERR_BADARG;
     size_t width = size_t(size->x);
     return convertRows(dst, src, size, 3 * width, 3 * width, stop,
-                       [width](uint8_t* out, const uint8_t* in) { interleave<3>(out, in, width, kBGR); });
+                       [width](uint8_t* out, const uint8_t* in) { il::planesToBGRRow(out, in, width); });
 }
 
 }  // extern "C"

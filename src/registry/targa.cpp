@@ -11,6 +11,7 @@
 #include "internal/bytes.h"
 #include "internal/file.h"
 #include "internal/scratch.h"
+#include "pixels/rgbrows.h"
 #include "codecs/rows.h"
 
 namespace {
@@ -240,7 +241,10 @@ void toPlanes(const TgaState* st, const uint8_t* src, int width, uint8_t* const*
                     split16(il::get16le(s), px);
                     px[3] = 255;
                 });
-            else
+            else if (bpp == 3 && out[0] && out[1] && out[2]) {
+                il::rgbRowToPlanes(out[2], out[1], out[0], src, size_t(width));  // stored B, G, R
+                if (out[3]) std::memset(out[3], 255, size_t(width));
+            } else
                 splitPixels(src, width, bpp, out, [bpp](const uint8_t* s, uint8_t* px) {
                     px[0] = s[2];
                     px[1] = s[1];
@@ -302,8 +306,10 @@ int closeFile(ImageFileContext* ctx) {
 // returns the byte count. Packets never cross rows: runs of equal pixels
 // become run packets of at most 128, everything else literal packets of at
 // most 127.
-size_t encodeRow(const uint8_t* px, int width, int bpp, uint8_t* out) {
-    auto same = [&](int i, int j) { return std::memcmp(px + size_t(i) * bpp, px + size_t(j) * bpp, size_t(bpp)) == 0; };
+template <int kBpp>
+size_t encodeRowOf(const uint8_t* px, int width, uint8_t* out) {
+    constexpr size_t bpp = kBpp;
+    auto same = [&](int i, int j) { return std::memcmp(px + size_t(i) * bpp, px + size_t(j) * bpp, bpp) == 0; };
     size_t n = 0;
     int i = 0;
     while (i < width) {
@@ -333,16 +339,29 @@ size_t encodeRow(const uint8_t* px, int width, int bpp, uint8_t* out) {
     return n;
 }
 
+size_t encodeRow(const uint8_t* px, int width, int bpp, uint8_t* out) {
+    switch (bpp) {
+        case 1: return encodeRowOf<1>(px, width, out);
+        case 2: return encodeRowOf<2>(px, width, out);
+        case 3: return encodeRowOf<3>(px, width, out);
+        default: return encodeRowOf<4>(px, width, out);
+    }
+}
+
 int writeRow(ImageFileContext* ctx, const uint8_t* r, const uint8_t* g, const uint8_t* b, const uint8_t* a) {
     TgaState* st = stateOf(ctx);
     const int width = ctx->fileSize.x;
     const int bpp = st->bytesPerPixel;
     uint8_t* px = st->pixels.get();
-    for (int i = 0; i < width; ++i, px += bpp) {
-        px[0] = b ? b[i] : 0;
-        px[1] = g ? g[i] : 0;
-        px[2] = r ? r[i] : 0;
-        if (bpp == 4) px[3] = a ? a[i] : 0;
+    if (bpp == 3 && r && g && b) {
+        il::planesToRGBRow(px, b, g, r, size_t(width));  // stored B, G, R
+    } else {
+        for (int i = 0; i < width; ++i, px += bpp) {
+            px[0] = b ? b[i] : 0;
+            px[1] = g ? g[i] : 0;
+            px[2] = r ? r[i] : 0;
+            if (bpp == 4) px[3] = a ? a[i] : 0;
+        }
     }
     const size_t bytes = encodeRow(st->pixels.get(), width, bpp, st->row.get());
     return st->file.write(st->row.get(), bytes) ? 0 : kShortWrite;

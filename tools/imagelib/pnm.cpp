@@ -153,6 +153,11 @@ int loadPnm(const std::string& path, Image& img) {
                 st = IMGERR_READFAILED;
                 break;
             }
+            if (depth == 3) {
+                const ImageSize one{int32_t(w), 1};
+                st = korImage_RGBToRGBSeparate(row, buf.data(), &one, IMAGEFORMAT_RGB, nullptr);
+                continue;
+            }
             for (size_t i = 0; i < x; ++i) {
                 const uint8_t* q = &buf[i * size_t(depth)];
                 uint8_t r = q[0], g = depth >= 3 ? q[1] : q[0], b = depth >= 3 ? q[2] : q[0];
@@ -227,6 +232,11 @@ int savePnm(const std::string& path, Image& img) {
         if (keepAlpha) {
             std::memcpy(row.data(), img.bytes() + x * 4 * size_t(y), x * 4);
             n = x * 4;
+        } else if (channels == 3) {
+            const ImageSize one{img.size.x, 1};
+            if (int st = korImage_RGBSeparateToRGB(row.data(), img.bytes() + x * 3 * size_t(y), &one, IMAGEFORMAT_RGB, nullptr))
+                return st;
+            n = x * 3;
         } else {
             const uint8_t* r = img.bytes() + x * 3 * size_t(y);
             for (size_t i = 0; i < x; ++i) {

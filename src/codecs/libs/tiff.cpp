@@ -18,6 +18,7 @@
 #include "internal/file.h"
 #include "internal/scratch.h"
 #include "pixels/dither.h"
+#include "pixels/rgbrows.h"
 #include "pixels/rows.h"
 
 #include <geotiff/xtiffio.h>
@@ -388,6 +389,10 @@ int streamReadRow(ImageFileContext* ctx, uint8_t* red, uint8_t* green, uint8_t* 
     const uint8_t* p = s->line.get();
     if (s->photometric == PHOTOMETRIC_RGB) {
         const size_t step = (size_t(s->bits) * s->samples + 7) / 8;
+        if (step == 3 && red && green && blue) {
+            il::rgbRowToPlanes(red, green, blue, p, size_t(w));
+            return 0;
+        }
         for (int x = 0; x < w; ++x, p += step) {
             if (red) red[x] = p[0];
             if (green) green[x] = p[1];
@@ -417,11 +422,15 @@ int streamWriteRow(ImageFileContext* ctx, const uint8_t* red, const uint8_t* gre
     const int w = ctx->fileSize.x;
     uint8_t* p = s->line.get();
     const int n = s->samples;
-    for (int x = 0; x < w; ++x, p += n) {
-        p[0] = red ? red[x] : 0;
-        p[1] = green ? green[x] : 0;
-        p[2] = blue ? blue[x] : 0;
-        if (n == 4) p[3] = alpha ? alpha[x] : 0;
+    if (n == 3 && red && green && blue) {
+        il::planesToRGBRow(p, red, green, blue, size_t(w));
+    } else {
+        for (int x = 0; x < w; ++x, p += n) {
+            p[0] = red ? red[x] : 0;
+            p[1] = green ? green[x] : 0;
+            p[2] = blue ? blue[x] : 0;
+            if (n == 4) p[3] = alpha ? alpha[x] : 0;
+        }
     }
     if (TIFFWriteScanline(s->tif.get(), s->line.get(), uint32_t(s->row++), 0) < 0) return kTiffWriteFailed;
     return 0;
@@ -939,7 +948,7 @@ int tiff_createFileFromRGB(const char* path, const uint8_t* rgb, const ImageSize
         uint8_t* p = line.get();
         switch (colourMode) {
             case COLORMODE_RGB:
-                for (size_t x = 0; x < w; ++x, p += 3) p[0] = R[x], p[1] = G[x], p[2] = B[x];
+                il::planesToRGBRow(p, R, w);
                 break;
             case COLORMODE_RGBA: {
                 const uint8_t* A = B + w;

@@ -23,6 +23,7 @@
 #include "internal/scratch.h"
 #include "pixels/colour.h"
 #include "pixels/dither.h"
+#include "pixels/rgbrows.h"
 #include "pixels/rows.h"
 #include "codecs/rows.h"
 
@@ -498,7 +499,7 @@ int readTrueColour(uint8_t** out, ImageSize* size, const char* path, bool alpha)
         uint8_t* a = alpha ? b + w : nullptr;
         const uint8_t* p = row.get();
         if (bits == 24) {
-            for (int x = 0; x < w; ++x, p += 3) b[x] = p[0], g[x] = p[1], r[x] = p[2];
+            il::bgrRowToPlanes(r, p, size_t(w));
             if (a) std::memset(a, 255, size_t(w));
             continue;
         }
@@ -719,12 +720,7 @@ int imageBmp_writeFromRGB(const char* path, const uint8_t* rgb, const ImageSize*
         Writer out;
         if (int st = out.begin(path, size, 24, 0, nullptr, nullptr, nullptr)) return st;
         return writeRows(out, size, size_t(w) * 3, row.get(), poll, [&](int y, uint8_t* buf) {
-            const uint8_t *r = planes(y), *g = r + w, *b = g + w;
-            for (int x = 0; x < w; ++x) {
-                buf[3 * x] = b[x];
-                buf[3 * x + 1] = g[x];
-                buf[3 * x + 2] = r[x];
-            }
+            il::planesToBGRRow(buf, planes(y), size_t(w));
             return buf;
         });
     }
