@@ -212,7 +212,9 @@ int savePnm(const std::string& path, Image& img) {
     for (char& c : ext) c = char(std::tolower(static_cast<unsigned char>(c)));
     const bool pam = ext == "pam";
     const bool keepAlpha = pam && img.layout == IMAGEFORMAT_RGBA;
-    if (!keepAlpha)
+    // Palette images go to RGB rows through their palette, a row at a time.
+    const bool fromMap = img.layout == IMAGEFORMAT_MAP && ext != "pgm" && ext != "pbm";
+    if (!keepAlpha && !fromMap)
         if (int st = toRGB(img, nullptr)) return st;
     FilePtr f(std::fopen(path.c_str(), "wb"));
     if (!f) return IMGERR_OPENFAILED;
@@ -232,6 +234,13 @@ int savePnm(const std::string& path, Image& img) {
         if (keepAlpha) {
             std::memcpy(row.data(), img.bytes() + x * 4 * size_t(y), x * 4);
             n = x * 4;
+        } else if (fromMap) {
+            const uint8_t* m = img.bytes() + x * size_t(y);
+            for (size_t i = 0; i < x; ++i, n += 3) {
+                row[n] = img.red[m[i]];
+                row[n + 1] = img.green[m[i]];
+                row[n + 2] = img.blue[m[i]];
+            }
         } else if (channels == 3) {
             const ImageSize one{img.size.x, 1};
             if (int st = korImage_RGBSeparateToRGB(row.data(), img.bytes() + x * 3 * size_t(y), &one, IMAGEFORMAT_RGB, nullptr))
