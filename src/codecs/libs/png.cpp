@@ -108,6 +108,16 @@ int openForReading(PngHandle& h, PngHeader& hdr, const char* path) {
     if (!h.png) return IMGERR_NOMEMORY;
     h.info = png_create_info_struct(h.png);
     if (!h.info) return IMGERR_NOMEMORY;
+    // Chunks the reader never looks at are skipped unread: libpng would
+    // otherwise allocate whatever length a text or profile chunk claims
+    // (gigabytes from a file of a few hundred bytes) before finding the
+    // file too short. What it still buffers is held to a bound.
+    static const png_byte kIgnored[] = {'i', 'C', 'C', 'P', 0, 'i', 'T', 'X', 't', 0, 't', 'E', 'X', 't', 0,
+                                        'z', 'T', 'X', 't', 0, 's', 'P', 'L', 'T', 0, 'e', 'X', 'I', 'f', 0,
+                                        'p', 'C', 'A', 'L', 0, 's', 'C', 'A', 'L', 0, 'h', 'I', 'S', 'T', 0};
+    png_set_keep_unknown_chunks(h.png, PNG_HANDLE_CHUNK_NEVER, kIgnored, int(sizeof kIgnored / 5));
+    png_set_keep_unknown_chunks(h.png, PNG_HANDLE_CHUNK_NEVER, nullptr, 0);  // and chunks libpng does not know
+    png_set_chunk_malloc_max(h.png, png_alloc_size_t(8) << 20);
     h.file = std::fopen(path, "rb");
     if (!h.file) return IMGERR_OPENFAILED;
     if (int st = readHeaderProtected(h, hdr)) return st;
