@@ -78,6 +78,17 @@ IMAGELIB_API int korSystem_getCfgVar(char* buffer, const char* name, int size) I
    otherwise whenUnset. */
 IMAGELIB_API int imagelib_cfgInt(const char* name, int whenUnset) IMAGELIB_NOEXCEPT;
 
+/* Configuration variables the library itself reads include KV_MAXPIXELS:
+   the most pixels a reader allocates for one image whose stored data is
+   compressed (PNG, JPEG, compressed TIFF strips and tiles, GIF, FLI/FLC,
+   PCX, byte-encoded Sun, BMP and Targa run-length, Intergraph run-length,
+   Group 4 and tiled, CALS, fax, RLC), since the file's length cannot bound
+   such a picture. Default 2^28 (268435456); a positive decimal count
+   replaces it, anything else keeps the default. It is read at every check,
+   so a host's getCfgVar rules it. Larger images give IMGERR_BADFILE (-154)
+   from the whole-image readers; uncompressed data is bounded by the file
+   holding it instead. */
+
 /* Loads string `number` of message list `list` into buffer (at least
    IMAGELIB_TEXT_MAX bytes). The resource argument is kept for the host's
    signature and ignored: the library has one catalogue. Nonzero on failure. */

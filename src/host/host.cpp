@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 
 #include "host/host_internal.h"
+#include "internal/checked.h"
 
 namespace {
 
@@ -58,6 +59,20 @@ ImageHost g_host = kDefaults;
 namespace il::host {
 const ImageHost& active() { return g_host; }
 }  // namespace il::host
+
+namespace il {
+int64_t maxPixels() noexcept {
+    char buf[32];
+    if (g_host.getCfgVar(buf, "KV_MAXPIXELS", int(sizeof buf)) != 0) return kDefaultMaxPixels;
+    // Leading decimal digits; anything else (unset, 0, negative, not a
+    // number) keeps the default.
+    errno = 0;
+    char* end = nullptr;
+    const long long v = std::strtoll(buf, &end, 10);
+    if (errno || end == buf || v <= 0) return kDefaultMaxPixels;
+    return int64_t(v);
+}
+}  // namespace il
 
 extern "C" {
 

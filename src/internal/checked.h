@@ -27,4 +27,19 @@ inline bool imageBytes(int64_t x, int64_t y, int64_t bytesPerPixel, size_t* byte
     return true;
 }
 
+// The most pixels a reader allocates for one image whose stored data is
+// compressed, where the file's length cannot bound the picture: 2^28 unless
+// the host's configuration variable KV_MAXPIXELS holds another positive
+// count. Read at every call, so a host's configuration callback rules it.
+constexpr int64_t kDefaultMaxPixels = int64_t(1) << 28;
+int64_t maxPixels() noexcept;
+
+// True when x by y pixels (both positive) is within maxPixels(). Readers of
+// compressed data call it before they allocate the whole image and answer
+// IMGERR_BADFILE when it fails.
+inline bool withinPixelLimit(int64_t x, int64_t y) noexcept {
+    if (x <= 0 || y <= 0 || x > kMaxDimension || y > kMaxDimension) return false;
+    return x * y <= maxPixels();
+}
+
 }  // namespace il

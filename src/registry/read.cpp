@@ -25,6 +25,7 @@
 #include "imagelib/pixels.h"
 #include "imagelib/registry.h"
 #include "internal/checked.h"
+#include "internal/file.h"
 #include "pixels/colour.h"
 #include "pixels/rows.h"
 #include "registry/dispatch.h"
@@ -280,6 +281,8 @@ void handOut(OwnedImage& img, uint8_t** out, ImageSize* outSize) {
 // A stopped streamed read gives 1 and an image.
 int readRGB(OwnedImage& img, const char* path, int type, const ImageSize* requested, StopFunction stop) {
     if (type == 2 || type == 4) {  // Targa and PICT: streamed, scaled by the streaming layer
+        if (type == 2)
+            if (int st = imageTga_checkWholeImage(path)) return st;
         uint8_t* rgb = nullptr;
         ImageSize size{};
         int st = streamReadImage(&rgb, &size, path, requested, false, stop);
@@ -499,7 +502,9 @@ int streamReadImage(uint8_t** out, ImageSize* outSize, const char* path, const I
                     StopFunction stop) noexcept {
     int st = 0;
     StreamCloser c{korImage_openFile(&st, requested, path)};
-    if (!c.ctx) return st;
+    // No handler took the file: the open answers the last one's status
+    // (TIFF's positive "not a stream"), which is no image and no stop here.
+    if (!c.ctx) return st <= 0 ? st : il::File::open(path, "rb").ok() ? IMGERR_BADFILE : IMGERR_OPENFAILED;
     ImageSize size{};
     korImage_getImageSize(&size, c.ctx);
     const int planes = alpha ? 4 : 3;
@@ -657,6 +662,7 @@ int korImage_readFileToRGBA(uint8_t** out, ImageSize* outSize, const char* path,
                 if (int st = gifDecodeRGBA(path, gifIndex, img, stop)) return st;
                 break;
             case 2: {
+                if (int st = imageTga_checkWholeImage(path)) return st;
                 uint8_t* p = nullptr;
                 ImageSize size{};
                 int st = streamReadImage(&p, &size, path, requested, true, stop);

@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 
+#include "internal/checked.h"
 #include "internal/bytes.h"
 #include "internal/file.h"
 #include "internal/scratch.h"
@@ -395,6 +396,21 @@ int imageTga_readInfo(ImageSize* size, int* colourMode, int* orientation, const 
     if (size) *size = ImageSize{h.width, h.height};
     if (colourMode) *colourMode = mode;
     if (orientation) *orientation = orientationCode(h.descriptor);
+    return 0;
+}
+
+int imageTga_checkWholeImage(const char* path) noexcept {
+    il::File f;
+    Header h;
+    if (openHeader(path, &f, &h) != 0) return 0;  // the open reports it
+    // Raw pixels must be in the file; a run-length packet of 1 + n bytes
+    // stands for at most 128 pixels, and run-length images are held to the
+    // library's pixel limit as well.
+    const int64_t pixels = int64_t(h.width) * h.height, fileBytes = f.size();
+    const bool rle = h.imageType == kTrueColourRle || h.imageType == kMappedRle || h.imageType == kGreyRle;
+    if (rle ? pixels > fileBytes * 128 || !il::withinPixelLimit(h.width, h.height)
+            : pixels * bytesOf(h.depth) > fileBytes)
+        return IMGERR_BADFILE;
     return 0;
 }
 

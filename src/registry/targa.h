@@ -12,6 +12,12 @@ struct ImageFileContext;
 // header cannot be read, or IMGERR_BADFILE for an impossible header.
 int imageTga_readInfo(ImageSize* size, int* colourMode, int* orientation, const char* path) noexcept;
 
+// Before the whole image is allocated: IMGERR_BADFILE when the file cannot
+// hold the raw pixels its header claims, or its run-length image is beyond
+// what its length or the library's pixel limit allows; else 0. The
+// streaming rows read any size a row at a time and do not ask.
+int imageTga_checkWholeImage(const char* path) noexcept;
+
 // Streaming handler operations (see codecs/rows.h for the contract).
 // Open returns 1 when the file cannot be opened, 3 when the header cannot
 // be read, 294 when the row buffer cannot be allocated, IMGERR_BADFILE or

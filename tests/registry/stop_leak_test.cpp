@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "imagelib/imagelib.h"
+#include "counting_host.h"
 #include "test_support.h"
 
 namespace {
@@ -22,11 +23,7 @@ namespace fs = std::filesystem;
 
 // ---- The counting host and the stop poll --------------------------------
 
-std::atomic<long> g_live{0};
-void* countMalloc(size_t n) { void* p = std::malloc(n); if (p) ++g_live; return p; }
-void* countCalloc(size_t c, size_t n) { void* p = std::calloc(c, n); if (p) ++g_live; return p; }
-void countFree(void* p) { if (p) { --g_live; std::free(p); } }
-void* countScratch(size_t n, uint32_t) { return countMalloc(n); }
+using il::test::g_live;
 
 int openFds() {
     int n = 0;
@@ -255,9 +252,7 @@ bool checkStops(const std::string& what, const Rule& want, Call call) {
 class StopLeak : public ::testing::Test {
 protected:
     void SetUp() override {
-        ImageHost host{};
-        host.korMalloc = countMalloc, host.korCalloc = countCalloc, host.korFree = countFree;
-        host.scratchMalloc = countScratch, host.scratchFree = countFree;
+        const ImageHost host = il::test::countingHost();
         imagelib_setHost(&host);
     }
     void TearDown() override { imagelib_setHost(nullptr); }

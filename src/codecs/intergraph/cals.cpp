@@ -80,7 +80,8 @@ int readMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green, uint8_t* 
     size_t len = 0;
     if (int st = readStream(data, &len, path, offset)) return st;
     size_t bytes = 0;
-    if (!il::imageBytes(sz.x, sz.y, 1, &bytes) || !plausible(sz, len)) return IMGERR_BADFILE;
+    if (!il::imageBytes(sz.x, sz.y, 1, &bytes) || !plausible(sz, len) ||
+        !il::withinPixelLimit(sz.x, sz.y)) return IMGERR_BADFILE;
     Owned out(static_cast<uint8_t*>(dlmSystem_korCalloc(bytes, 1)));
     if (!out) return IMGERR_NOMEMORY;
     MapSink sink{out.get(), sz.x};
@@ -143,7 +144,8 @@ int readBits(void** bitmap, ImageSize sz, bool runLength, const char* path, long
     if (int st = readStream(data, &len, path, offset)) return st;
     const size_t rowBytes = (size_t(sz.x) + 7) >> 3;
     size_t bytes = 0;
-    if (!il::imageBytes(int64_t(stride), sz.y, 1, &bytes) || !plausible(sz, len)) return IMGERR_BADFILE;
+    if (!il::imageBytes(int64_t(stride), sz.y, 1, &bytes) || !plausible(sz, len) ||
+        !il::withinPixelLimit(sz.x, sz.y)) return IMGERR_BADFILE;
     Owned out(static_cast<uint8_t*>(dlmSystem_korCalloc(bytes, 1)));
     if (!out) return IMGERR_NOMEMORY;
     BitSink sink{out.get(), stride, rowBytes};

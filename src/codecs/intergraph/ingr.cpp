@@ -494,6 +494,8 @@ int ingr_readImage(void** image, ImageSize* size, int* isRGB, uint8_t* red, uint
         default: minBytes = px / kMaxPixelsPerByte; break;
     }
     if (minBytes > dataLen) return IMGERR_BADFILE;
+    // Compressed data cannot be bounded by the file: the library's pixel limit.
+    if (dt != 2 && dt != 28 && !il::withinPixelLimit(h.pixels, h.lines)) return IMGERR_BADFILE;
 
     Scratch<uint8_t> data(dataLen, il::tag("IGdt"));
     if (!data.ok()) return IMGERR_NOMEMORY;

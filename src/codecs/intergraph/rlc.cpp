@@ -34,7 +34,7 @@ int load(Scratch<uint8_t>& data, size_t* length, ImageSize* size, const char* pa
     size->x = il::get16be(data.get() + 2);
     // Every line holds at least its span count.
     if (uint64_t(size->y) * 2 > *length - 4) return IMGERR_READFAILED;
-    if (!il::imageBytes(size->x, size->y, 1)) return IMGERR_BADFILE;
+    if (!il::imageBytes(size->x, size->y, 1) || !il::withinPixelLimit(size->x, size->y)) return IMGERR_BADFILE;
     return 0;
 }
 

@@ -286,7 +286,8 @@ int jpegFile_read(void** buffer, ImageSize* size, uint8_t* red, uint8_t* green, 
     struct stat info;
     const int64_t fileBytes = fstat(fileno(ctx->file), &info) == 0 ? int64_t(info.st_size) : 0;
     size_t bytes = 0;
-    if (!il::imageBytes(w, h, rgb ? 3 : 1, &bytes) || w * h > fileBytes * kJpegPixelsPerByte)
+    if (!il::imageBytes(w, h, rgb ? 3 : 1, &bytes) || w * h > fileBytes * kJpegPixelsPerByte ||
+        !il::withinPixelLimit(w, h))
         return releaseContext(ctx, IMGERR_BADFILE);
     ctx->outputSize = ImageSize{int32_t(w), int32_t(h)};
     ctx->packed = rgb ? 0 : packed;
@@ -325,7 +326,7 @@ int jpegFile_readScaled(uint8_t** rgb, ImageSize* size, const char* path, int de
     // The decoder's scaled size: each side divided by denom, rounded up.
     const int64_t w = (fw + denom - 1) / denom, h = (fh + denom - 1) / denom;
     size_t bytes = 0;
-    if (!il::imageBytes(w, h, 3, &bytes)) return releaseContext(ctx, IMGERR_BADFILE);
+    if (!il::imageBytes(w, h, 3, &bytes) || !il::withinPixelLimit(w, h)) return releaseContext(ctx, IMGERR_BADFILE);
     ctx->colourMode = COLORMODE_RGB;  // grey files are expanded by the decoder
     ctx->scaleDenom = denom;
     ctx->outputSize = ImageSize{int32_t(w), int32_t(h)};

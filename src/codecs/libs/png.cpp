@@ -256,7 +256,7 @@ int pngFile_read(void** buffer, ImageSize* size, uint8_t* red, uint8_t* green, u
     const int64_t fileBytes = fstat(fileno(h.file), &fileInfo) == 0 ? int64_t(fileInfo.st_size) : 0;
     size_t bytes = 0;
     if (!il::imageBytes(int64_t(rowBytes), ht, 1, &bytes) || !il::imageBytes(w, ht, 4) ||
-        int64_t(bytes) > fileBytes * kPngInflateRatio)
+        int64_t(bytes) > fileBytes * kPngInflateRatio || !il::withinPixelLimit(w, ht))
         return IMGERR_BADFILE;
     // Bitmap rows are cleared first: libpng leaves the padding bits of a row as it finds them.
     CallerBuffer<uint8_t> pixels = il::callerBytes(bytes, mode == COLORMODE_BILEVEL && !expandAlpha);

@@ -69,6 +69,18 @@ int readFields(TIFF* tif, const char* path, Fields& f) {
     return 0;
 }
 
+// Before a whole image is allocated: compressed strips and tiles are held to
+// the library's pixel limit, uncompressed ones to what the file can hold.
+int checkWholeImage(TIFF* tif, const char* path, const Fields& f) {
+    uint16_t compression = COMPRESSION_NONE;
+    TIFFGetFieldDefaulted(tif, TIFFTAG_COMPRESSION, &compression);
+    if (compression != COMPRESSION_NONE) return il::withinPixelLimit(f.width, f.height) ? 0 : IMGERR_BADFILE;
+    struct stat st;
+    if (::stat(path, &st) != 0) return IMGERR_BADFILE;
+    const uint64_t rowBytes = (uint64_t(f.width) * f.bits * f.samples + 7) / 8;
+    return rowBytes * f.height <= uint64_t(st.st_size) ? 0 : IMGERR_BADFILE;
+}
+
 TiffPtr openRead(const char* path) { return TiffPtr(path ? TIFFOpen(path, "rb") : nullptr); }
 
 // The palette of a palette-index file: grey ramps for photometric 0 and 1,
@@ -568,6 +580,7 @@ int tiff_readFileToRGBSeparate(uint8_t** buffer, ImageSize* size, const char* pa
     if (!tif) return IMGERR_OPENFAILED;
     Fields f;
     if (int st = readFields(tif.get(), path, f)) return st;
+    if (int st = checkWholeImage(tif.get(), path, f)) return st;
 
     std::unique_ptr<RgbaJob> job(new (std::nothrow) RgbaJob);
     if (!job) return IMGERR_NOMEMORY;
@@ -669,6 +682,7 @@ int tiff_readFileToMap(void** buffer, ImageSize* size, uint8_t* red, uint8_t* gr
     TIFF* t = tif.get();
     Fields f;
     if (int st = readFields(t, path, f)) return st;
+    if (int st = checkWholeImage(t, path, f)) return st;
     // 16-bit grey reads as its high bytes through a ramp of 256 levels.
     const bool grey16 = f.hasPhotometric && f.bits == 16 && f.photometric <= PHOTOMETRIC_MINISBLACK;
     if (!f.hasPhotometric || (f.bits > 8 && !grey16)) return IMGERR_UNSUPPORTEDTYPE;
@@ -753,6 +767,7 @@ int tiff_readFileToBitMap(void** buffer, ImageSize* size, int runLength, const c
     TIFF* t = tif.get();
     Fields f;
     if (int st = readFields(t, path, f)) return st;
+    if (int st = checkWholeImage(t, path, f)) return st;
     if (f.bits > 1) return IMGERR_UNSUPPORTEDTYPE;
     if (f.samples != 1) return IMGERR_UNSUPPORTEDTYPE;
     const int invert = tiff_getInvertFlag(t);

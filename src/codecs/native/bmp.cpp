@@ -382,7 +382,9 @@ int loadIndexed(Source& src, uint8_t* red, uint8_t* green, uint8_t* blue, il::Sc
         dataBytes = std::min<int64_t>(src.ih.imageSize, available);
         // Every row ends with a 2-byte escape.
         if (dataBytes < 2 * int64_t(src.height)) return IMGERR_BADFILE;
-        if (int64_t(src.width) * src.height > kMaxRlePixelsPerByte * dataBytes) return IMGERR_BADFILE;
+        if (int64_t(src.width) * src.height > kMaxRlePixelsPerByte * dataBytes ||
+            !il::withinPixelLimit(src.width, src.height))
+            return IMGERR_BADFILE;
     }
     if (!data->allocate(size_t(dataBytes), il::tag("BmPx"))) return IMGERR_NOMEMORY;
     return src.file.read(data->get(), size_t(dataBytes)) ? 0 : IMGERR_READFAILED;

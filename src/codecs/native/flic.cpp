@@ -324,7 +324,9 @@ int imageFlic_readToMap(void** image, ImageSize* size, uint8_t* red, uint8_t* gr
     const int w = src.header.width, h = src.header.height;
     size_t pixels;
     if (!il::imageBytes(w, h, 1, &pixels)) return IMGERR_BADFILE;
-    if (int64_t(pixels) > kFreePixels && int64_t(pixels) > kMaxPixelsPerByte * src.length) return IMGERR_BADFILE;
+    if (!il::withinPixelLimit(w, h) ||
+        (int64_t(pixels) > kFreePixels && int64_t(pixels) > kMaxPixelsPerByte * src.length))
+        return IMGERR_BADFILE;
     int64_t at = 0;
     if (int st = src.firstFrame(&at)) return st;
     uint32_t declared = 0;

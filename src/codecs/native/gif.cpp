@@ -716,7 +716,7 @@ int imageGif_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green
     const int w = img.width, h = img.height;
     if (!il::imageBytes(w, h, 1)) return IMGERR_BADFILE;  // a size of 0, or beyond what the library holds
     const int64_t remaining = std::max<int64_t>(length - in.position(), 0);
-    if (int64_t(w) * h > remaining * kMaxPixelsPerByte + kCodes) return IMGERR_BADFILE;
+    if (int64_t(w) * h > remaining * kMaxPixelsPerByte + kCodes || !il::withinPixelLimit(w, h)) return IMGERR_BADFILE;
 
     Placer placer;
     placer.width = w;

@@ -135,7 +135,7 @@ struct Source {
         const int64_t decoded = int64_t(height) * planes * lineBytes;
         const int64_t available = int64_t(length - kPcxHeaderBytes + 1) / 2 * kMaxRun;
         if (decoded > available) return IMGERR_BADFILE;
-        if (!il::imageBytes(width, height, bytesPerPixel)) return IMGERR_BADFILE;
+        if (!il::imageBytes(width, height, bytesPerPixel) || !il::withinPixelLimit(width, height)) return IMGERR_BADFILE;
         return 0;
     }
 };

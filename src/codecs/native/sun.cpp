@@ -145,7 +145,7 @@ int imageSun_readToMap(void** map, ImageSize* size, uint8_t* red, uint8_t* green
     // Uncompressed rows must all be there (a missing last pad is let go);
     // three encoded bytes give at most 256.
     if (encoded ? stored * hgt > remaining * 86 + 256 : rowLen * hgt > remaining) return IMGERR_BADFILE;
-    if (!il::imageBytes(w, hgt, 1)) return IMGERR_BADFILE;
+    if (!il::imageBytes(w, hgt, 1) || (encoded && !il::withinPixelLimit(w, hgt))) return IMGERR_BADFILE;
 
     il::Scratch<uint8_t> rowBuf(size_t(stored), il::tag("SunR"));
     il::Scratch<uint8_t> unpacked(size_t(w), il::tag("SunU"));
