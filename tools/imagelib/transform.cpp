@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <thread>
 
 #include "cli.h"
 #include "output.h"
@@ -135,7 +136,9 @@ bool warpPpmFile(const std::string& in, const std::string& out, const WarpOption
     // Bands of about 8 MiB: many tiles for the library's threads, and a
     // buffer that stays small beside the picture.
     const int32_t bandRows = int32_t(std::max<size_t>(1, std::min<size_t>(size_t(to.y), (size_t(8) << 20) / rowBytes)));
-    uint8_t* band = static_cast<uint8_t*>(dlmSystem_korMalloc(rowBytes * size_t(bandRows)));
+    // Two bands: one is written by a helper thread while the next is made.
+    const size_t bandBytes = rowBytes * size_t(bandRows);
+    uint8_t* band = static_cast<uint8_t*>(dlmSystem_korMalloc(2 * bandBytes));
     if (!band) return *exitCode = failure(out, IMGERR_NOMEMORY), true;
     std::unique_ptr<uint8_t, void (*)(uint8_t*)> hold(band, [](uint8_t* p) { dlmSystem_korFree(p); });
     StopFunction stop = progressFunction();
@@ -145,15 +148,29 @@ bool warpPpmFile(const std::string& in, const std::string& out, const WarpOption
     if (st == 0 && !f) st = IMGERR_OPENFAILED;
     if (st == 0 && std::fprintf(f, "P6\n%d %d\n255\n", to.x, to.y) < 0) st = IMGERR_WRITEFAILED;
     bool writing = false;  // a failure is the output's
-    for (int32_t y0 = 0; st == 0 && y0 < to.y; y0 += bandRows) {
+    std::thread writer;
+    bool written = true;   // the last band handed to the writer went out
+    auto put = [&written, f, rowBytes](const uint8_t* rows, int32_t n) {
+        if (std::fwrite(rows, rowBytes, size_t(n), f) != size_t(n)) written = false;
+    };
+    auto finishWrite = [&] {
+        if (writer.joinable()) writer.join();
+        if (!written && st == 0) st = IMGERR_WRITEFAILED, writing = true;
+    };
+    for (int32_t y0 = 0, k = 0; st == 0 && y0 < to.y; y0 += bandRows, k ^= 1) {
         const int32_t y1 = to.y - y0 > bandRows ? y0 + bandRows : to.y;
-        st = korImage_warpBand(band, &to, y0, y1, src.pixels, &src.size, IMAGEFORMAT_RGB2, m, o.interpolation,
+        uint8_t* rows = band + size_t(k) * bandBytes;
+        st = korImage_warpBand(rows, &to, y0, y1, src.pixels, &src.size, IMAGEFORMAT_RGB2, m, o.interpolation,
                                o.background, stop);
-        if (st == 0 && std::fwrite(band, rowBytes, size_t(y1 - y0), f) != size_t(y1 - y0)) {
-            st = IMGERR_WRITEFAILED;
-            writing = true;
+        finishWrite();
+        if (st != 0) break;
+        try {
+            writer = std::thread(put, rows, y1 - y0);
+        } catch (...) {
+            put(rows, y1 - y0);
         }
     }
+    finishWrite();
     if (f && std::fclose(f) != 0 && st == 0) st = IMGERR_WRITEFAILED, writing = true;
     if (st == 0) st = file.commit(), writing = true;
     progressDone();
