@@ -282,6 +282,8 @@ MappedPpm::~MappedPpm() {
 }
 
 int mapPpm(const std::string& path, MappedPpm& map) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return 1;  // pipes are read once, by loadPnm
     FilePtr f(std::fopen(path.c_str(), "rb"));
     if (!f) return IMGERR_OPENFAILED;
     std::string magic;
@@ -290,7 +292,6 @@ int mapPpm(const std::string& path, MappedPpm& map) {
         !number(f.get(), maxval) || maxval != 255 || w <= 0 || h <= 0 || w * h > kMaxPixels)
         return 1;
     const long at = std::ftell(f.get());
-    struct stat st;
     if (at <= 0 || ::fstat(fileno(f.get()), &st) != 0) return 1;
     const size_t need = size_t(at) + size_t(w) * size_t(h) * 3;
     if (size_t(st.st_size) < need) return 1;  // short: the ordinary reader says how
