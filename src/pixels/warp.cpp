@@ -21,6 +21,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #if defined(__SSE2__)
@@ -156,37 +157,42 @@ template <int C, bool Planar>
 int32_t bilinearEights(uint8_t* o, size_t dcs, const uint8_t* base, size_t rs, size_t scs, int64_t& S, int64_t& T,
                        int64_t DS, int64_t DT, int32_t count) {
     constexpr size_t ps = Planar ? 1 : size_t(C);
-    alignas(16) uint8_t pairs[C][2][16];  // [channel][row][2 x pixel + side]
-    alignas(16) int16_t wx[16], wy[16];   // (4096 - w, w) a pixel
     alignas(16) uint8_t bytes[16];
     const __m128i zero = _mm_setzero_si128(), half = _mm_set1_epi32(1 << 18);
     int32_t done = 0;
     for (; done + 8 <= count; done += 8, o += 8 * ps) {
-        for (int k = 0; k < 8; ++k, S += DS, T += DT) {
+        // The pairs and weights go straight into registers, lane by lane
+        // (through memory, each vector load would wait on the byte stores).
+        __m128i r0s[C], r1s[C];
+        __m128i wxl = zero, wxh = zero, wyl = zero, wyh = zero;
+#pragma GCC unroll 4
+        for (int c = 0; c < C; ++c) r0s[c] = r1s[c] = zero;
+        auto one = [&](auto lane) {
+            constexpr int k = decltype(lane)::value;
             const uint8_t* p = base + size_t(T >> 32) * rs + size_t(S >> 32) * ps;
-            const int16_t ax = int16_t(uint32_t(S) >> 20), ay = int16_t(uint32_t(T) >> 20);
-            wx[2 * k] = int16_t(4096 - ax), wx[2 * k + 1] = ax;
-            wy[2 * k] = int16_t(4096 - ay), wy[2 * k + 1] = ay;
+            const int ax = int(uint32_t(S) >> 20), ay = int(uint32_t(T) >> 20);
+            if constexpr (k < 4) {
+                wxl = _mm_insert_epi16(_mm_insert_epi16(wxl, 4096 - ax, 2 * k), ax, 2 * k + 1);
+                wyl = _mm_insert_epi16(_mm_insert_epi16(wyl, 4096 - ay, 2 * k), ay, 2 * k + 1);
+            } else {
+                wxh = _mm_insert_epi16(_mm_insert_epi16(wxh, 4096 - ax, 2 * k - 8), ax, 2 * k - 7);
+                wyh = _mm_insert_epi16(_mm_insert_epi16(wyh, 4096 - ay, 2 * k - 8), ay, 2 * k - 7);
+            }
 #pragma GCC unroll 4
             for (int c = 0; c < C; ++c) {
                 const uint8_t* q = p + size_t(c) * scs;
-                if constexpr (Planar) {  // the pair is two neighbouring bytes
-                    std::memcpy(&pairs[c][0][2 * k], q, 2);
-                    std::memcpy(&pairs[c][1][2 * k], q + rs, 2);
-                } else {
-                    pairs[c][0][2 * k] = q[0], pairs[c][0][2 * k + 1] = q[ps];
-                    pairs[c][1][2 * k] = q[rs], pairs[c][1][2 * k + 1] = q[rs + ps];
-                }
+                r0s[c] = _mm_insert_epi16(r0s[c], q[0] | q[ps] << 8, k);
+                r1s[c] = _mm_insert_epi16(r1s[c], q[rs] | q[rs + ps] << 8, k);
             }
-        }
-        const __m128i wxl = _mm_load_si128(reinterpret_cast<const __m128i*>(wx));
-        const __m128i wxh = _mm_load_si128(reinterpret_cast<const __m128i*>(wx + 8));
-        const __m128i wyl = _mm_load_si128(reinterpret_cast<const __m128i*>(wy));
-        const __m128i wyh = _mm_load_si128(reinterpret_cast<const __m128i*>(wy + 8));
+            S += DS;
+            T += DT;
+        };
+        [&]<size_t... K>(std::index_sequence<K...>) {
+            (one(std::integral_constant<int, int(K)>{}), ...);
+        }(std::make_index_sequence<8>{});
 #pragma GCC unroll 4
         for (int c = 0; c < C; ++c) {
-            const __m128i r0 = _mm_load_si128(reinterpret_cast<const __m128i*>(pairs[c][0]));
-            const __m128i r1 = _mm_load_si128(reinterpret_cast<const __m128i*>(pairs[c][1]));
+            const __m128i r0 = r0s[c], r1 = r1s[c];
             // Across: at most 255 x 4096, cut by 5 bits to fit 16.
             const __m128i t0 = _mm_srli_epi32(_mm_madd_epi16(_mm_unpacklo_epi8(r0, zero), wxl), 5);
             const __m128i t1 = _mm_srli_epi32(_mm_madd_epi16(_mm_unpackhi_epi8(r0, zero), wxh), 5);
