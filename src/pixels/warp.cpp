@@ -209,6 +209,7 @@ int32_t bilinearEights(uint8_t* o, size_t dcs, const uint8_t* base, size_t rs, s
                 _mm_storel_epi64(reinterpret_cast<__m128i*>(o + size_t(c) * dcs), px);
             } else {
                 _mm_store_si128(reinterpret_cast<__m128i*>(bytes), px);
+#pragma GCC unroll 8
                 for (int k = 0; k < 8; ++k) o[size_t(k) * ps + size_t(c)] = bytes[k];
             }
         }
@@ -329,13 +330,19 @@ void warpRow(const Job& job, int32_t j, int32_t from, int32_t to, uint8_t* patch
     }
 
     auto fill = [&](int32_t from, int32_t to) {
-        for (int c = 0; c < C; ++c) {
-            uint8_t* o = row + size_t(c) * d.cs;
-            if (d.ps == 1) {
-                std::memset(o + from, job.bg[c], size_t(to - from));
-            } else {
-                for (int32_t i = from; i < to; ++i) o[size_t(i) * d.ps] = job.bg[c];
-            }
+        if (from >= to) return;
+        if (d.ps == 1) {
+            for (int c = 0; c < C; ++c) std::memset(row + size_t(c) * d.cs + size_t(from), job.bg[c], size_t(to - from));
+            return;
+        }
+        // Interleaved: one pixel, then copies of what is done, doubling.
+        uint8_t* o = row + size_t(from) * d.ps;
+        const size_t n = size_t(to - from) * d.ps;
+        std::memcpy(o, job.bg, size_t(C));
+        for (size_t done = d.ps; done < n;) {
+            const size_t k = done < n - done ? done : n - done;
+            std::memcpy(o + done, o, k);
+            done += k;
         }
     };
     // Edge pixels: the taps gathered into a patch, the background in place
