@@ -2,6 +2,8 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <string>
 #include <vector>
 
 #include "imagelib/geo.h"
@@ -19,10 +21,11 @@ const std::vector<uint8_t>& photo() {
 }
 
 // range(0): layout (5 row-planar RGB, 6 interleaved RGB, 3 byte map),
-// range(1): interpolation, range(2): degrees.
+// range(1): interpolation, range(2): degrees, range(3): KV_THREADS.
 void rotateAngle(benchmark::State& state) {
     const int format = int(state.range(0)), interp = int(state.range(1));
     const double degrees = double(state.range(2));
+    ::setenv("KV_THREADS", std::to_string(state.range(3)).c_str(), 1);
     const ImageSize size{kSide, kSide};
     std::vector<uint8_t> src = photo();
     if (format == IMAGEFORMAT_RGB2) korImage_RGBSeparateToRGB(nullptr, src.data(), &size, IMAGEFORMAT_RGB, nullptr);
@@ -38,15 +41,17 @@ void rotateAngle(benchmark::State& state) {
         dlmSystem_korFree(out);
     }
     state.counters["Mpx/s"] = benchmark::Counter(double(pixels) / 1e6, benchmark::Counter::kIsRate);
+    ::unsetenv("KV_THREADS");
 }
 BENCHMARK(rotateAngle)
-    ->ArgNames({"format", "filter", "deg"})
-    ->Args({IMAGEFORMAT_RGB, IMAGEWARP_BILINEAR, 30})
-    ->Args({IMAGEFORMAT_RGB2, IMAGEWARP_BILINEAR, 30})
-    ->Args({IMAGEFORMAT_RGB, IMAGEWARP_NEAREST, 30})
-    ->Args({IMAGEFORMAT_RGB, IMAGEWARP_BICUBIC, 30})
-    ->Args({IMAGEFORMAT_MAP, IMAGEWARP_NEAREST, 30})
-    ->Args({IMAGEFORMAT_RGB, IMAGEWARP_BILINEAR, 3})
+    ->ArgNames({"format", "filter", "deg", "threads"})
+    ->Args({IMAGEFORMAT_RGB, IMAGEWARP_BILINEAR, 30, 1})
+    ->Args({IMAGEFORMAT_RGB2, IMAGEWARP_BILINEAR, 30, 1})
+    ->Args({IMAGEFORMAT_RGB2, IMAGEWARP_BILINEAR, 30, 2})
+    ->Args({IMAGEFORMAT_RGB, IMAGEWARP_NEAREST, 30, 1})
+    ->Args({IMAGEFORMAT_RGB, IMAGEWARP_BICUBIC, 30, 1})
+    ->Args({IMAGEFORMAT_MAP, IMAGEWARP_NEAREST, 30, 1})
+    ->Args({IMAGEFORMAT_RGB, IMAGEWARP_BILINEAR, 3, 1})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 

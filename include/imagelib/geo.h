@@ -110,6 +110,31 @@ IMAGELIB_API int korImage_warp(void** result, const ImageSize* resultSize, const
                                const ImageSize* sourceSize, int format, const double* matrix, int interpolation,
                                const uint8_t* background, StopFunction stop) IMAGELIB_NOEXCEPT;
 
+/* Warps destination rows [firstRow, endRow) of a resultSize image, exactly
+   as korImage_warp makes them, into band: the caller's block of
+   (endRow - firstRow) rows of the layout (a row of (x + 7) / 8 bytes for 1;
+   x for 3 and 4; 3 x, three planes of x, for 5; 3 x interleaved for 6;
+   4 x for 7). Layouts 1, 3, 4, 5, 6 and 7 (the row tables of 2 and 8:
+   IMGERR_BADARG, as for a row range that is empty or outside
+   0..resultSize->y). The work is shared among KV_THREADS threads (1: the
+   calling thread alone; unset: the processor count, at most 8), with the
+   same bytes whatever their number; korImage_warp and korImage_rotateAngle
+   share it the same way. The stop function is called on the calling thread
+   only, with (resultSize->y, row) once for each row of the band in order,
+   as the rows before it are finished; stopped: IMGERR_STOPPED, and the band
+   holds some rows. Other statuses as korImage_warp. */
+IMAGELIB_API int korImage_warpBand(uint8_t* band, const ImageSize* resultSize, int32_t firstRow, int32_t endRow,
+                                   const void* source, const ImageSize* sourceSize, int format, const double* matrix,
+                                   int interpolation, const uint8_t* background, StopFunction stop) IMAGELIB_NOEXCEPT;
+
+/* The matrix (6 numbers, as korImage_warp takes) and the result size of
+   korImage_rotateAngle's rotation of a sourceSize image by degrees, for a
+   rotation done band by band with korImage_warpBand. 0; IMGERR_BADARG for a
+   null pointer, a size not positive or an angle not finite;
+   IMGERR_NOMEMORY when a side of the result would not fit in 32 bits. */
+IMAGELIB_API int korImage_rotationMatrix(double* matrix, ImageSize* resultSize, const ImageSize* sourceSize,
+                                         double degrees) IMAGELIB_NOEXCEPT;
+
 /* Rotates an image counter-clockwise by any number of degrees about its
    centre, into the bounding box of the turned picture:
    ceil(|W cos| + |H sin|) by ceil(|W sin| + |H cos|), the centres aligned.

@@ -17,6 +17,12 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -151,37 +157,42 @@ template <int C, bool Planar>
 int32_t bilinearEights(uint8_t* o, size_t dcs, const uint8_t* base, size_t rs, size_t scs, int64_t& S, int64_t& T,
                        int64_t DS, int64_t DT, int32_t count) {
     constexpr size_t ps = Planar ? 1 : size_t(C);
-    alignas(16) uint8_t pairs[C][2][16];  // [channel][row][2 x pixel + side]
-    alignas(16) int16_t wx[16], wy[16];   // (4096 - w, w) a pixel
     alignas(16) uint8_t bytes[16];
     const __m128i zero = _mm_setzero_si128(), half = _mm_set1_epi32(1 << 18);
     int32_t done = 0;
     for (; done + 8 <= count; done += 8, o += 8 * ps) {
-        for (int k = 0; k < 8; ++k, S += DS, T += DT) {
+        // The pairs and weights go straight into registers, lane by lane
+        // (through memory, each vector load would wait on the byte stores).
+        __m128i r0s[C], r1s[C];
+        __m128i wxl = zero, wxh = zero, wyl = zero, wyh = zero;
+#pragma GCC unroll 4
+        for (int c = 0; c < C; ++c) r0s[c] = r1s[c] = zero;
+        auto one = [&](auto lane) {
+            constexpr int k = decltype(lane)::value;
             const uint8_t* p = base + size_t(T >> 32) * rs + size_t(S >> 32) * ps;
-            const int16_t ax = int16_t(uint32_t(S) >> 20), ay = int16_t(uint32_t(T) >> 20);
-            wx[2 * k] = int16_t(4096 - ax), wx[2 * k + 1] = ax;
-            wy[2 * k] = int16_t(4096 - ay), wy[2 * k + 1] = ay;
+            const int ax = int(uint32_t(S) >> 20), ay = int(uint32_t(T) >> 20);
+            if constexpr (k < 4) {
+                wxl = _mm_insert_epi16(_mm_insert_epi16(wxl, 4096 - ax, 2 * k), ax, 2 * k + 1);
+                wyl = _mm_insert_epi16(_mm_insert_epi16(wyl, 4096 - ay, 2 * k), ay, 2 * k + 1);
+            } else {
+                wxh = _mm_insert_epi16(_mm_insert_epi16(wxh, 4096 - ax, 2 * k - 8), ax, 2 * k - 7);
+                wyh = _mm_insert_epi16(_mm_insert_epi16(wyh, 4096 - ay, 2 * k - 8), ay, 2 * k - 7);
+            }
 #pragma GCC unroll 4
             for (int c = 0; c < C; ++c) {
                 const uint8_t* q = p + size_t(c) * scs;
-                if constexpr (Planar) {  // the pair is two neighbouring bytes
-                    std::memcpy(&pairs[c][0][2 * k], q, 2);
-                    std::memcpy(&pairs[c][1][2 * k], q + rs, 2);
-                } else {
-                    pairs[c][0][2 * k] = q[0], pairs[c][0][2 * k + 1] = q[ps];
-                    pairs[c][1][2 * k] = q[rs], pairs[c][1][2 * k + 1] = q[rs + ps];
-                }
+                r0s[c] = _mm_insert_epi16(r0s[c], q[0] | q[ps] << 8, k);
+                r1s[c] = _mm_insert_epi16(r1s[c], q[rs] | q[rs + ps] << 8, k);
             }
-        }
-        const __m128i wxl = _mm_load_si128(reinterpret_cast<const __m128i*>(wx));
-        const __m128i wxh = _mm_load_si128(reinterpret_cast<const __m128i*>(wx + 8));
-        const __m128i wyl = _mm_load_si128(reinterpret_cast<const __m128i*>(wy));
-        const __m128i wyh = _mm_load_si128(reinterpret_cast<const __m128i*>(wy + 8));
+            S += DS;
+            T += DT;
+        };
+        [&]<size_t... K>(std::index_sequence<K...>) {
+            (one(std::integral_constant<int, int(K)>{}), ...);
+        }(std::make_index_sequence<8>{});
 #pragma GCC unroll 4
         for (int c = 0; c < C; ++c) {
-            const __m128i r0 = _mm_load_si128(reinterpret_cast<const __m128i*>(pairs[c][0]));
-            const __m128i r1 = _mm_load_si128(reinterpret_cast<const __m128i*>(pairs[c][1]));
+            const __m128i r0 = r0s[c], r1 = r1s[c];
             // Across: at most 255 x 4096, cut by 5 bits to fit 16.
             const __m128i t0 = _mm_srli_epi32(_mm_madd_epi16(_mm_unpacklo_epi8(r0, zero), wxl), 5);
             const __m128i t1 = _mm_srli_epi32(_mm_madd_epi16(_mm_unpackhi_epi8(r0, zero), wxh), 5);
@@ -198,6 +209,7 @@ int32_t bilinearEights(uint8_t* o, size_t dcs, const uint8_t* base, size_t rs, s
                 _mm_storel_epi64(reinterpret_cast<__m128i*>(o + size_t(c) * dcs), px);
             } else {
                 _mm_store_si128(reinterpret_cast<__m128i*>(bytes), px);
+#pragma GCC unroll 8
                 for (int k = 0; k < 8; ++k) o[size_t(k) * ps + size_t(c)] = bytes[k];
             }
         }
@@ -219,6 +231,7 @@ struct Job {
     double inv[6];
     uint8_t bg[4];
     int interp;
+    int32_t firstRow;  // the destination row that dst.data holds first
 };
 
 // The pixels i of [from, to) at which floor(s0 + i ds) lies in [lo, hi], as
@@ -269,7 +282,7 @@ void warpRow(const Job& job, int32_t j, int32_t from, int32_t to, uint8_t* patch
     const double y = j + 0.5, shift = sampleShift(Interp) - 0.5;
     const double s0 = m[0] * 0.5 + m[2] * y + m[4] + shift, ds = m[0];
     const double t0 = m[1] * 0.5 + m[3] * y + m[5] + shift, dt = m[1];
-    uint8_t* row = d.data + size_t(j) * d.rs;
+    uint8_t* row = d.data + size_t(j - job.firstRow) * d.rs;
 
     // Pixels some tap of which may be inside (a pixel of margin each way):
     // everything else is background.
@@ -317,13 +330,19 @@ void warpRow(const Job& job, int32_t j, int32_t from, int32_t to, uint8_t* patch
     }
 
     auto fill = [&](int32_t from, int32_t to) {
-        for (int c = 0; c < C; ++c) {
-            uint8_t* o = row + size_t(c) * d.cs;
-            if (d.ps == 1) {
-                std::memset(o + from, job.bg[c], size_t(to - from));
-            } else {
-                for (int32_t i = from; i < to; ++i) o[size_t(i) * d.ps] = job.bg[c];
-            }
+        if (from >= to) return;
+        if (d.ps == 1) {
+            for (int c = 0; c < C; ++c) std::memset(row + size_t(c) * d.cs + size_t(from), job.bg[c], size_t(to - from));
+            return;
+        }
+        // Interleaved: one pixel, then copies of what is done, doubling.
+        uint8_t* o = row + size_t(from) * d.ps;
+        const size_t n = size_t(to - from) * d.ps;
+        std::memcpy(o, job.bg, size_t(C));
+        for (size_t done = d.ps; done < n;) {
+            const size_t k = done < n - done ? done : n - done;
+            std::memcpy(o + done, o, k);
+            done += k;
         }
     };
     // Edge pixels: the taps gathered into a patch, the background in place
@@ -387,7 +406,7 @@ void warpBitRow(const Job& job, int32_t j) {
     const double s0 = m[0] * 0.5 + m[2] * y + m[4], ds = m[0];
     const double t0 = m[1] * 0.5 + m[3] * y + m[5], dt = m[1];
     const int32_t n = d.w;
-    uint8_t* row = d.data + size_t(j) * d.rs;
+    uint8_t* row = d.data + size_t(j - job.firstRow) * d.rs;
     std::memset(row, 0, d.rs);
     int32_t a = 0, b = 0;
     int64_t S = 0, T = 0, DS = 0, DT = 0;
@@ -465,47 +484,196 @@ bool describe(Plane* p, uint8_t* data, ImageSize size, int format, int* channels
     }
 }
 
-int warpInto(void** out, const ImageSize& to, const void* source, const ImageSize& from, int format,
-             const double inv[6], int interp, const uint8_t* background, StopFunction stop) {
-    Job job{};
-    int channels = 0;
-    describe(&job.src, static_cast<uint8_t*>(const_cast<void*>(source)), from, format, &channels);
-    size_t bytes = 0;
-    const size_t width = format == IMAGEFORMAT_BITMAP ? (size_t(to.x) + 7) >> 3 : size_t(to.x) * size_t(channels);
-    if (!il::mulSize(width, size_t(to.y), &bytes)) return IMGERR_NOMEMORY;
-    auto block = il::callerBytes(bytes);
-    if (!block) return IMGERR_NOMEMORY;
-    describe(&job.dst, block.get(), to, format, &channels);
-    std::memcpy(job.inv, inv, sizeof job.inv);
-    if (background) std::memcpy(job.bg, background, channels ? size_t(channels) : 1);
-    if (format == IMAGEFORMAT_BITMAP) job.bg[0] = job.bg[0] != 0;
-    // Palette indices and bits cannot be blended.
-    job.interp = channels <= 1 ? IMAGEWARP_NEAREST : interp;
-    RowFunction row = nullptr;
-    switch (channels) {
-        case 1: row = rowFunction<1, false>(job.interp); break;
-        case 3: row = format == IMAGEFORMAT_RGB ? rowFunction<3, true>(job.interp) : rowFunction<3, false>(job.interp); break;
-        case 4: row = rowFunction<4, false>(job.interp); break;
-        default: break;
+// Bytes in a destination row of the layout.
+size_t rowBytes(int32_t width, int format, int channels) {
+    return format == IMAGEFORMAT_BITMAP ? (size_t(width) + 7) >> 3 : size_t(width) * size_t(channels);
+}
+
+// Destination rows [j0, j1) in tiles of kBand rows by kChunk pixels, which
+// keep the source pixels that a turned tile reads in the cache. A row's
+// pixels do not depend on which rows share its tile, so any split of the
+// rows gives the same bytes.
+void warpTile(const Job& job, RowFunction row, int32_t j0, int32_t j1) {
+    if (!row) {
+        for (int32_t j = j0; j < j1; ++j) warpBitRow(job, j);
+        return;
     }
     uint8_t patch[4 * 4 * 4];
-    if (!row) {
-        for (int32_t j = 0; j < to.y; ++j) {
-            if (imageUtil_reportProgress(stop, to.y, j) != 0) return IMGERR_STOPPED;
-            warpBitRow(job, j);
+    const int32_t w = job.dst.w;
+    for (int32_t x0 = 0; x0 < w; x0 += kChunk) {
+        const int32_t x1 = w - x0 > kChunk ? x0 + kChunk : w;
+        for (int32_t j = j0; j < j1; ++j) row(job, j, x0, x1, patch);
+    }
+}
+
+// The number of threads a warp may use: KV_THREADS through the host layer,
+// by default the hardware's, at most 8; 1 keeps the work on the caller.
+int warpThreads() {
+    unsigned hw = std::thread::hardware_concurrency();
+    const int fallback = hw == 0 ? 1 : hw > 8 ? 8 : int(hw);
+    const int n = imagelib_cfgInt("KV_THREADS", fallback);
+    return n < 1 ? 1 : n > 64 ? 64 : n;
+}
+
+// Shared state of the threads of one band. Workers touch nothing else: no
+// host call, no allocation, none of the thread's process-wide states.
+struct Crew {
+    const Job* job = nullptr;
+    RowFunction row = nullptr;
+    int32_t first = 0, end = 0, total = 0;
+    StopFunction stop = nullptr;
+    std::atomic<int32_t> next{0};  // the first row of the next unclaimed tile
+    std::atomic<bool> stopped{false};
+    std::mutex lock;
+    std::condition_variable changed;
+    int32_t done = 0;    // rows finished (under lock)
+    int32_t polled = 0;  // the next row to poll (the caller's thread only)
+    bool halted = false;
+
+    // Polls the rows that the finished ones have reached; false once the
+    // stop function asks to stop. The caller's thread only.
+    bool poll() {
+        int32_t upTo;
+        {
+            std::lock_guard<std::mutex> hold(lock);
+            upTo = first + done;
+        }
+        if (upTo > end - 1) upTo = end - 1;
+        for (; polled <= upTo; ++polled) {
+            if (imageUtil_reportProgress(stop, total, polled) != 0) {
+                halted = true;
+                stopped.store(true);
+                return false;
+            }
+        }
+        return true;
+    }
+
+    // Claims and warps tiles until none is left or the band is stopped;
+    // the caller's thread polls between its own tiles.
+    void work(bool caller) {
+        for (;;) {
+            if (stopped.load(std::memory_order_relaxed)) return;
+            const int32_t j0 = next.fetch_add(kBand, std::memory_order_relaxed);
+            if (j0 >= end) return;
+            const int32_t j1 = end - j0 > kBand ? j0 + kBand : end;
+            warpTile(*job, row, j0, j1);
+            {
+                std::lock_guard<std::mutex> hold(lock);
+                done += j1 - j0;
+            }
+            if (caller) {
+                if (!poll()) return;
+            } else {
+                changed.notify_one();
+            }
         }
     }
-    // Tiles of kBand rows by kChunk pixels keep the source pixels that a
-    // turned tile reads in the cache; each row is polled before its band.
-    for (int32_t j0 = 0; row && j0 < to.y; j0 += kBand) {
-        const int32_t j1 = to.y - j0 > kBand ? j0 + kBand : to.y;
-        for (int32_t j = j0; j < j1; ++j)
-            if (imageUtil_reportProgress(stop, to.y, j) != 0) return IMGERR_STOPPED;
-        for (int32_t x0 = 0; x0 < to.x; x0 += kChunk) {
-            const int32_t x1 = to.x - x0 > kChunk ? x0 + kChunk : to.x;
-            for (int32_t j = j0; j < j1; ++j) row(job, j, x0, x1, patch);
-        }
+};
+
+// Joins the workers however the band ends.
+struct CrewJoin {
+    Crew& crew;
+    std::vector<std::thread>& threads;
+    ~CrewJoin() {
+        crew.stopped.store(true);
+        for (auto& t : threads)
+            if (t.joinable()) t.join();
     }
+};
+
+// Rows [y0, y1) of the destination (of totalRows rows) into the job's
+// destination. The stop function is polled on the calling thread only, with
+// (totalRows, row) for every row in order: alone, before each tile; with
+// helper threads, the first row before any work and each later one once the
+// rows before it are finished.
+int runBand(const Job& job, RowFunction row, int32_t totalRows, int32_t y0, int32_t y1, StopFunction stop) {
+    const int32_t tiles = (y1 - y0 + kBand - 1) / kBand;
+    int threads = tiles > 1 ? warpThreads() : 1;
+    if (threads > tiles) threads = tiles;
+    if (threads <= 1) {
+        for (int32_t j0 = y0; j0 < y1; j0 += kBand) {
+            const int32_t j1 = y1 - j0 > kBand ? j0 + kBand : y1;
+            for (int32_t j = j0; j < j1; ++j)
+                if (imageUtil_reportProgress(stop, totalRows, j) != 0) return IMGERR_STOPPED;
+            warpTile(job, row, j0, j1);
+        }
+        return 0;
+    }
+    if (imageUtil_reportProgress(stop, totalRows, y0) != 0) return IMGERR_STOPPED;
+    try {
+        Crew crew;
+        crew.job = &job;
+        crew.row = row;
+        crew.first = y0;
+        crew.end = y1;
+        crew.total = totalRows;
+        crew.stop = stop;
+        crew.next.store(y0);
+        crew.polled = y0 + 1;
+        std::vector<std::thread> workers;
+        workers.reserve(size_t(threads - 1));
+        {
+            CrewJoin join{crew, workers};
+            try {
+                for (int t = 1; t < threads; ++t) workers.emplace_back([&crew] { crew.work(false); });
+            } catch (...) {
+                // Fewer threads than asked for: the caller does the rest.
+            }
+            crew.work(true);
+            // The caller has no tile left: it polls the workers' rows as
+            // they are finished.
+            while (!crew.halted && crew.polled < y1) {
+                {
+                    std::unique_lock<std::mutex> hold(crew.lock);
+                    crew.changed.wait(hold, [&] { return y0 + crew.done >= crew.polled; });
+                }
+                crew.poll();
+            }
+        }
+        return crew.halted ? IMGERR_STOPPED : 0;
+    } catch (...) {
+        return IMGERR_NOMEMORY;
+    }
+}
+
+// Sets up the job of a warp into dest, which holds destination rows from
+// firstRow on; false for a layout that does not warp here.
+bool prepare(Job* job, RowFunction* row, uint8_t* dest, const ImageSize& to, int32_t firstRow, const void* source,
+             const ImageSize& from, int format, const double inv[6], int interp, const uint8_t* background) {
+    *job = Job{};
+    int channels = 0;
+    if (!describe(&job->src, static_cast<uint8_t*>(const_cast<void*>(source)), from, format, &channels)) return false;
+    describe(&job->dst, dest, to, format, &channels);
+    job->firstRow = firstRow;
+    std::memcpy(job->inv, inv, sizeof job->inv);
+    if (background) std::memcpy(job->bg, background, channels ? size_t(channels) : 1);
+    if (format == IMAGEFORMAT_BITMAP) job->bg[0] = job->bg[0] != 0;
+    // Palette indices and bits cannot be blended.
+    job->interp = channels <= 1 ? IMAGEWARP_NEAREST : interp;
+    *row = nullptr;
+    switch (channels) {
+        case 1: *row = rowFunction<1, false>(job->interp); break;
+        case 3: *row = format == IMAGEFORMAT_RGB ? rowFunction<3, true>(job->interp) : rowFunction<3, false>(job->interp); break;
+        case 4: *row = rowFunction<4, false>(job->interp); break;
+        default: break;
+    }
+    return true;
+}
+
+int warpInto(void** out, const ImageSize& to, const void* source, const ImageSize& from, int format,
+             const double inv[6], int interp, const uint8_t* background, StopFunction stop) {
+    int channels = 0;
+    Plane probe;
+    describe(&probe, nullptr, to, format, &channels);
+    size_t bytes = 0;
+    if (!il::mulSize(rowBytes(to.x, format, channels), size_t(to.y), &bytes)) return IMGERR_NOMEMORY;
+    auto block = il::callerBytes(bytes);
+    if (!block) return IMGERR_NOMEMORY;
+    Job job;
+    RowFunction row;
+    prepare(&job, &row, block.get(), to, 0, source, from, format, inv, interp, background);
+    if (int st = runBand(job, row, to.y, 0, to.y, stop)) return st;
     *out = block.release();
     return 0;
 }
@@ -589,6 +757,34 @@ extern "C" int korImage_warp(void** result, const ImageSize* resultSize, const v
     double inv[6];
     if (!il::invertMatrix(inv, matrix)) return IMGERR_BADARG;
     return warpAny(result, *resultSize, source, *sourceSize, format, inv, interpolation, background, stop);
+}
+
+extern "C" int korImage_warpBand(uint8_t* band, const ImageSize* resultSize, int32_t firstRow, int32_t endRow,
+                                 const void* source, const ImageSize* sourceSize, int format, const double* matrix,
+                                 int interpolation, const uint8_t* background, StopFunction stop) noexcept {
+    if (!band || !source || !matrix || !sizeOk(resultSize) || !sizeOk(sourceSize)) return IMGERR_BADARG;
+    if (format == IMAGEFORMAT_RLEBITMAP || format == IMAGEFORMAT_PACKBYTE || !warpable(format) ||
+        !validInterpolation(interpolation))
+        return IMGERR_BADARG;
+    if (firstRow < 0 || endRow <= firstRow || endRow > resultSize->y) return IMGERR_BADARG;
+    double inv[6];
+    if (!il::invertMatrix(inv, matrix)) return IMGERR_BADARG;
+    Job job;
+    RowFunction row;
+    prepare(&job, &row, band, *resultSize, firstRow, source, *sourceSize, format, inv, interpolation, background);
+    return runBand(job, row, resultSize->y, firstRow, endRow, stop);
+}
+
+extern "C" int korImage_rotationMatrix(double* matrix, ImageSize* resultSize, const ImageSize* sourceSize,
+                                       double degrees) noexcept {
+    if (!matrix || !resultSize || !sizeOk(sourceSize) || !std::isfinite(degrees)) return IMGERR_BADARG;
+    double turn = std::fmod(degrees, 360.0);
+    if (turn < 0) turn += 360.0;
+    ImageSize to{};
+    if (!il::rotatedSize(&to, *sourceSize, turn)) return IMGERR_NOMEMORY;
+    il::rotationMatrix(matrix, *sourceSize, to, turn);
+    *resultSize = to;
+    return 0;
 }
 
 extern "C" int korImage_rotateAngle(void** result, ImageSize* resultSize, void* source, const ImageSize* sourceSize,

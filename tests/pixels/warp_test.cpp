@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
 
 #include "pixels/warp.h"
 #include "rotate_images.h"
@@ -313,4 +317,102 @@ TEST(Warp, ExtremeMatricesStayInBounds) {
                 const Grid g = grid(out);
                 for (size_t i = 0; i < g.px.size(); ++i) ASSERT_EQ(g.px[i], format == 1 ? 1 : bg[i % size_t(g.bpp)]);
             }
+}
+
+namespace {
+
+// KV_THREADS for the span of a scope.
+struct Threads {
+    explicit Threads(const char* n) { ::setenv("KV_THREADS", n, 1); }
+    ~Threads() { ::unsetenv("KV_THREADS"); }
+};
+
+size_t rowBytes(int format, int32_t w) { return format == 1 ? (size_t(w) + 7) / 8 : size_t(w) * size_t(gridBytes(format)); }
+
+// The whole destination made band by band through korImage_warpBand.
+std::vector<uint8_t> byBands(const Image& src, ImageSize to, const double m[6], int interp, const uint8_t* bg,
+                             std::initializer_list<int32_t> cuts) {
+    std::vector<uint8_t> all(rowBytes(src.format, to.x) * size_t(to.y));
+    int32_t y0 = 0;
+    std::vector<int32_t> ends(cuts);
+    ends.push_back(to.y);
+    for (int32_t y1 : ends) {
+        EXPECT_EQ(korImage_warpBand(all.data() + rowBytes(src.format, to.x) * size_t(y0), &to, y0, y1, src.data,
+                                    &src.size, src.format, m, interp, bg, nullptr),
+                  0);
+        y0 = y1;
+    }
+    return all;
+}
+
+}  // namespace
+
+// Any split of the destination rows into bands, and any number of threads,
+// gives the bytes of the whole warp on one thread.
+TEST(WarpBand, BandsAndThreadCountsGiveTheWholeWarp) {
+    const uint8_t bg[4] = {9, 200, 31, 77};
+    for (int format : kWarpFormats) {
+        Image src;
+        fill(src, format, randomGrid(format, 150, 97, unsigned(format)));
+        double turn[6];
+        ImageSize to{};
+        ASSERT_EQ(korImage_rotationMatrix(turn, &to, &src.size, 33), 0);
+        const double shear[6] = {0.9, 0.2, -0.35, 1.1, 12.5, -3.25};
+        for (int interp : {IMAGEWARP_NEAREST, IMAGEWARP_BILINEAR, IMAGEWARP_BICUBIC}) {
+            const std::string what = "format " + std::to_string(format) + " filter " + std::to_string(interp);
+            std::vector<uint8_t> alone, alonePlain;
+            {
+                Threads one("1");
+                Image r;
+                r.format = format;
+                ASSERT_EQ(korImage_rotateAngle(&r.data, &r.size, src.data, &src.size, format, 33, interp, bg, nullptr), 0);
+                ASSERT_TRUE(r.size.x == to.x && r.size.y == to.y) << what;
+                alone.assign(static_cast<uint8_t*>(r.data), static_cast<uint8_t*>(r.data) + rowBytes(format, to.x) * size_t(to.y));
+                Image p;
+                ASSERT_EQ(warpInto(p, src, src.size, shear, interp, bg), 0);
+                alonePlain.assign(static_cast<uint8_t*>(p.data), static_cast<uint8_t*>(p.data) + rowBytes(format, src.size.x) * size_t(src.size.y));
+                EXPECT_EQ(byBands(src, to, turn, interp, bg, {1, 40, 41, 100}), alone) << what;
+            }
+            Threads four("4");
+            Image r;
+            r.format = format;
+            ASSERT_EQ(korImage_rotateAngle(&r.data, &r.size, src.data, &src.size, format, 33, interp, bg, nullptr), 0);
+            EXPECT_EQ(std::memcmp(r.data, alone.data(), alone.size()), 0) << what;
+            Image p;
+            ASSERT_EQ(warpInto(p, src, src.size, shear, interp, bg), 0);
+            EXPECT_EQ(std::memcmp(p.data, alonePlain.data(), alonePlain.size()), 0) << what;
+            EXPECT_EQ(byBands(src, to, turn, interp, bg, {70}), alone) << what;
+            EXPECT_EQ(byBands(src, src.size, shear, interp, bg, {3, 64}), alonePlain) << what;
+        }
+    }
+}
+
+TEST(WarpBand, RefusesRowTablesAndRowsOutsideAndPollsOnTheCallersThread) {
+    Image src;
+    fill(src, 6, randomGrid(6, 64, 90, 3));
+    const double m[6] = {1, 0.1, 0, 1, 0, 0};
+    std::vector<uint8_t> band(64 * 3 * 90);
+    auto call = [&](int32_t y0, int32_t y1, int format, StopFunction stop = nullptr) {
+        return korImage_warpBand(band.data(), &src.size, y0, y1, src.data, &src.size, format, m, 1, nullptr, stop);
+    };
+    EXPECT_EQ(call(5, 5, 6), IMGERR_BADARG);
+    EXPECT_EQ(call(-1, 5, 6), IMGERR_BADARG);
+    EXPECT_EQ(call(80, 91, 6), IMGERR_BADARG);
+    EXPECT_EQ(call(0, 4, IMAGEFORMAT_RLEBITMAP), IMGERR_BADARG);
+    EXPECT_EQ(call(0, 4, IMAGEFORMAT_PACKBYTE), IMGERR_BADARG);
+
+    // With helper threads every row is polled once, in order, and only on
+    // this thread (the log is this thread's); a stop ends the band.
+    Threads four("4");
+    PollScope scope;
+    ASSERT_EQ(call(10, 90, 6, recordPoll), 0);
+    Calls want;
+    for (int j = 10; j < 90; ++j) want.emplace_back(90, j);
+    EXPECT_EQ(scope.log.calls, want);
+    for (int at : {0, 1, 40, 79}) {
+        scope.log.calls.clear();
+        scope.log.stopAt = at;
+        EXPECT_EQ(call(10, 90, 6, recordPoll), IMGERR_STOPPED) << at;
+        EXPECT_EQ(scope.log.calls.size(), size_t(at + 1)) << at;
+    }
 }

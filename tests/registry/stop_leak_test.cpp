@@ -347,4 +347,39 @@ TEST_F(StopLeak, StreamsClosedHalfWay) {
     EXPECT_GT(served, 5);
 }
 
+// The warp, alone and with helper threads: a stop at the first poll or
+// half-way answers -144, hands nothing out and leaves no block behind.
+TEST_F(StopLeak, WarpAndRotationOnAnyThreadCount) {
+    const Pictures p;
+    const Rule stops{false, kAny, kAny, kAny, IMGERR_STOPPED, IMGERR_STOPPED};
+    const ImageSize big{kW * 3, kH * 4};  // rows for several bands of helper work
+    std::vector<uint8_t> rgb(size_t(big.x) * big.y * 3), band(size_t(big.x) * 3 * 90);
+    for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = uint8_t(i * 7 + i / 97);
+    const double m[6] = {0.8, 0.3, -0.3, 0.8, 20, 5};
+    for (const char* threads : {"1", "3"}) {
+        ::setenv("KV_THREADS", threads, 1);
+        for (int format : {IMAGEFORMAT_RGB, IMAGEFORMAT_RGB2, IMAGEFORMAT_MAP, IMAGEFORMAT_PACKBYTE}) {
+            const void* src = format == IMAGEFORMAT_MAP ? p.map16.data() : format == IMAGEFORMAT_PACKBYTE
+                                                                              ? static_cast<const void*>(p.packByte)
+                                                                              : rgb.data();
+            const ImageSize size = format == IMAGEFORMAT_RGB || format == IMAGEFORMAT_RGB2 ? big : p.size;
+            EXPECT_TRUE(checkStops(std::string("rotate, threads ") + threads + ", layout " + std::to_string(format), stops,
+                       [&](bool* handed) {
+                           void* out = nullptr;
+                           ImageSize to{};
+                           const int s = korImage_rotateAngle(&out, &to, const_cast<void*>(src), &size, format, 21,
+                                                              IMAGEWARP_BICUBIC, nullptr, stopPoll);
+                           *handed = out != nullptr;
+                           if (out) korImage_freeImage(out, &to, format);
+                           return s;
+                       }));
+        }
+        EXPECT_TRUE(checkStops(std::string("band, threads ") + threads, stops, [&](bool*) {
+            return korImage_warpBand(band.data(), &big, 10, 100, rgb.data(), &big, IMAGEFORMAT_RGB2, m,
+                                     IMAGEWARP_BILINEAR, nullptr, stopPoll);
+        }));
+    }
+    ::unsetenv("KV_THREADS");
+}
+
 }  // namespace

@@ -205,6 +205,8 @@ int cmdConvert(const Args& args) {
         if (type < 0) return failure(out, korImage_typeFromExtension(out.c_str()));
     }
     if (stream) return convertStream(args, in, out, pnmOut ? -1 : type, mode);
+    if (pnmOut && mode < 0 && !haveThumb && !haveCrop && !haveSize && mirrorMode < 0 && tolerance < 0)
+        if (int code; warpPpmFile(in, out, warp, &code)) return code;
     StopFunction stop = progressFunction();
     Image img;
     int st = haveThumb ? loadThumbnail(in, img, thumb, stop) : loadImage(in, img, false, stop);

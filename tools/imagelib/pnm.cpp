@@ -1,6 +1,9 @@
 // Netpbm files (PBM, PGM, PPM, PAM), read and written by the CLI itself so
 // that any image can be compared with other tools pixel by pixel. They are
 // not a library format.
+#include <sys/mman.h>
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -8,6 +11,7 @@
 #include <vector>
 
 #include "image.h"
+#include "transform.h"
 
 namespace cli {
 
@@ -268,6 +272,36 @@ int savePnm(const std::string& path, Image& img) {
         if (std::fwrite(row.data(), 1, n, f.get()) != n) return IMGERR_WRITEFAILED;
     }
     if (std::fclose(f.release()) != 0) return IMGERR_WRITEFAILED;
+    return 0;
+}
+
+// A binary PPM of maxval 255 mapped read-only: its pixel rows are layout 6
+// as the file holds them, so whole-picture operations read them in place.
+MappedPpm::~MappedPpm() {
+    if (base) ::munmap(base, length);
+}
+
+int mapPpm(const std::string& path, MappedPpm& map) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return 1;  // pipes are read once, by loadPnm
+    FilePtr f(std::fopen(path.c_str(), "rb"));
+    if (!f) return IMGERR_OPENFAILED;
+    std::string magic;
+    long w = 0, h = 0, maxval = 0;
+    if (!token(f.get(), magic) || magic != "P6" || !number(f.get(), w) || !number(f.get(), h) ||
+        !number(f.get(), maxval) || maxval != 255 || w <= 0 || h <= 0 || w * h > kMaxPixels)
+        return 1;
+    const long at = std::ftell(f.get());
+    if (at <= 0 || ::fstat(fileno(f.get()), &st) != 0) return 1;
+    const size_t need = size_t(at) + size_t(w) * size_t(h) * 3;
+    if (size_t(st.st_size) < need) return 1;  // short: the ordinary reader says how
+    void* base = ::mmap(nullptr, need, PROT_READ, MAP_PRIVATE, fileno(f.get()), 0);
+    if (base == MAP_FAILED) return 1;
+    ::madvise(base, need, MADV_WILLNEED);
+    map.base = base;
+    map.length = need;
+    map.pixels = static_cast<const uint8_t*>(base) + at;
+    map.size = ImageSize{int32_t(w), int32_t(h)};
     return 0;
 }
 

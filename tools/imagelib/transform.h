@@ -32,4 +32,26 @@ bool parseMatrix(const std::string& s, double m[6]);
 // nearest the background. 0 or a status.
 int transform(Image& img, const WarpOptions& options, StopFunction stop);
 
+// convert IN OUT where IN is a binary 8-bit PPM, OUT a .ppm or .pnm name
+// and the only operation a rotation by an angle that is not a quarter turn,
+// or an affine warp: the input is read in place and the output written band
+// by band as it is made, never whole in memory. False when the case is not
+// one of these (nothing done); otherwise true with the command's exit code.
+bool warpPpmFile(const std::string& in, const std::string& out, const WarpOptions& options, int* exitCode);
+
+// A binary PPM of maxval 255 mapped into memory (pnm.cpp).
+struct MappedPpm {
+    MappedPpm() = default;
+    ~MappedPpm();
+    MappedPpm(const MappedPpm&) = delete;
+    MappedPpm& operator=(const MappedPpm&) = delete;
+    void* base = nullptr;
+    size_t length = 0;
+    const uint8_t* pixels = nullptr;  // interleaved RGB rows (layout 6)
+    ImageSize size{};
+};
+// 0; 1 when the file is not such a PPM or is short (left to loadPnm);
+// IMGERR_OPENFAILED.
+int mapPpm(const std::string& path, MappedPpm& map);
+
 }  // namespace cli
