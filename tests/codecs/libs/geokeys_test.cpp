@@ -133,7 +133,11 @@ TEST_F(GeoKeys, AddedModelTypeWritesWhatLibgeotiffWrote) {
             continue;
         }
         ASSERT_EQ(tiff_updateGeoReference(origin, extent, path.c_str(), 3), 0);
-        // The same update through libgeotiff.
+        EXPECT_EQ(tiff_detect(path.c_str(), 29), 0);
+        // The same update through libgeotiff. It repacked text parameters
+        // that did not end where their entry said (those files differ in the
+        // text), and leaks the text of a key it turns into a short.
+        if (std::strncmp(d.name, "text", 4) == 0 || std::strcmp(d.name, "model as text") == 0) continue;
         write(ref, d, false);
         TIFF* t = XTIFFOpen(ref.c_str(), "r+");
         GTIF* g = keysOf(t);
@@ -144,11 +148,7 @@ TEST_F(GeoKeys, AddedModelTypeWritesWhatLibgeotiffWrote) {
         TIFFRewriteDirectory(t);
         GTIFFree(g);
         XTIFFClose(t);
-        // libgeotiff repacked text parameters that did not end where their
-        // entry said: those files differ in the text.
-        if (std::strncmp(d.name, "text", 4) != 0)
-            EXPECT_EQ(iltest::readFile(path), iltest::readFile(ref));
-        EXPECT_EQ(tiff_detect(path.c_str(), 29), 0);
+        EXPECT_EQ(iltest::readFile(path), iltest::readFile(ref));
     }
 }
 
