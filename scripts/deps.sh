@@ -1,10 +1,11 @@
 # Sourced by run.sh and test.sh: installs the Debian packages that are
 # missing, with sudo when not root. imagelib_install_deps run|test
 imagelib_install_deps() {
-  local pkgs=(cmake ninja-build g++ make pkg-config libtiff-dev libgeotiff-dev libjpeg-dev libpng-dev
+  local pkgs=(cmake ninja-build g++ make pkg-config libtiff-dev libjpeg-dev libpng-dev
               python3-dev pybind11-dev python3-numpy python3-dask python3-distributed libgdal-dev)
   if [ "${1:-run}" = test ]; then
-    pkgs+=(libgtest-dev libbenchmark-dev clang libclang-rt-14-dev imagemagick netpbm graphicsmagick
+    # libgeotiff-dev: the GeoTIFF tests check our key directories with it.
+    pkgs+=(libgeotiff-dev libgtest-dev libbenchmark-dev clang libclang-rt-14-dev imagemagick netpbm graphicsmagick
            libtiff-tools geotiff-bin gdal-bin python3-gdal pngcheck libjpeg-turbo-progs ghostscript ffmpeg
            python3-pytest)
   fi

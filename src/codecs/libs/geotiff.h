@@ -1,4 +1,4 @@
-// GeoTIFF georeference through libgeotiff: the type-29 check of the
+// GeoTIFF georeference over libtiff: the type-29 check of the
 // detector, the key-directory test of the file information, the transform
 // reader and the georeference update of TIFF and GeoTIFF files.
 //
@@ -24,7 +24,11 @@ constexpr int kGeoModelAdded = 63555;
 // IMGERR_GEOKEYVERSION or IMGERR_BADFILE otherwise.
 int tiff_geoTiffCheck(const char* path) noexcept;
 
-// True when the open file carries a GeoTIFF key directory.
+// TIFFOpen with the GeoTIFF tags known to libtiff (their values are then
+// read and written as counted arrays).
+struct tiff* tiff_geoOpen(const char* path, const char* mode) noexcept;
+
+// True when the open file carries a usable GeoTIFF key directory.
 bool tiff_hasGeoKeys(struct tiff* tif) noexcept;
 
 // The georeference update of a type 3 or 29 file (the type already

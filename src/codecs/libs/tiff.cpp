@@ -21,7 +21,6 @@
 #include "pixels/rgbrows.h"
 #include "pixels/rows.h"
 
-#include <geotiff/xtiffio.h>
 #include <tiffio.h>
 
 namespace {
@@ -516,7 +515,7 @@ int tiff_detect(const char* path, int type) noexcept {
 int tiff_readFileInfo(TiffInfo* info, const char* path) noexcept {
     if (!info) return IMGERR_BADARG;
     if (int st = tiff_detect(path, -1)) return st;
-    TiffPtr tif(XTIFFOpen(path, "r"));
+    TiffPtr tif(tiff_geoOpen(path, "r"));
     if (!tif) return IMGERR_OPENFAILED;
     TIFF* t = tif.get();
     uint16_t photometric = 0, bits = 1, samples = 1, orientation = 0, compression = 1;
