@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what the build and the tests need (when missing), builds, and runs
 # every test: unit and interop tests, the install check with a small C
-# consumer, the unit tests again under AddressSanitizer and UBSan, and a
-# short smoke run of each fuzz harness when clang is present.
+# consumer, the unit tests again under AddressSanitizer and UBSan, parallel
+# batches under ThreadSanitizer, and a short smoke run of each fuzz harness
+# when clang is present.
 set -euo pipefail
 cd "$(dirname "$0")"
 source scripts/deps.sh
@@ -34,6 +35,11 @@ echo "== pixel tests on the portable (SSE2-only) kernels"
 cmake -S . -B build/portable -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS=-DIMAGELIB_RLE_DISPATCH=0 >/dev/null
 cmake --build build/portable -j"$jobs" --target test_pixels
 build/portable/tests/test_pixels --gtest_brief=1
+
+echo "== threads: convert -j 4 over every codec family under ThreadSanitizer"
+cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIMAGELIB_SANITIZE=thread -DIMAGELIB_TESTS=OFF >/dev/null
+cmake --build build/tsan -j"$jobs" --target imagelib_cli
+scripts/tsan_batch.sh build/tsan
 
 if command -v clang++ >/dev/null 2>&1; then
   echo "== fuzz smoke runs"

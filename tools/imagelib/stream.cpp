@@ -25,6 +25,12 @@ namespace {
 // TIFF and GeoTIFF).
 bool rowReadable(int type) { return type == 0 || type == 1 || type == 2 || type == 3 || type == 29; }
 
+// True when the red, green and blue planes of a row follow each other, as
+// row-planar RGB.
+bool contiguous(uint8_t* const* planes, size_t width) {
+    return planes[1] == planes[0] + width && planes[2] == planes[1] + width;
+}
+
 struct ContextCloser {
     void operator()(ImageFileContext* c) const { korImage_closeFile(c); }
 };
@@ -76,8 +82,13 @@ public:
         }
         const size_t w = size_t(size_.x), n = alpha_ ? 4 : 3;
         uint8_t* p = line_.data();
-        for (size_t x = 0; x < w; ++x)
-            for (size_t c = 0; c < n; ++c) *p++ = planes[c][x];
+        if (n == 3 && contiguous(planes, w)) {
+            const ImageSize one{size_.x, 1};
+            korImage_RGBSeparateToRGB(p, planes[0], &one, IMAGEFORMAT_RGB, nullptr);
+        } else {
+            for (size_t x = 0; x < w; ++x)
+                for (size_t c = 0; c < n; ++c) *p++ = planes[c][x];
+        }
         return std::fwrite(line_.data(), 1, w * n, file_.get()) == w * n ? 0 : IMGERR_WRITEFAILED;
     }
 
@@ -136,6 +147,10 @@ public:
         const size_t w = size_t(size_.x), bytes = w * depth_ * (maxval_ > 255 ? 2 : 1);
         if (std::fread(line_.data(), 1, bytes, file_.get()) != bytes) return IMGERR_READFAILED;
         const uint8_t* p = line_.data();
+        if (depth_ == 3 && maxval_ == 255 && contiguous(planes, w)) {
+            const ImageSize one{size_.x, 1};
+            return korImage_RGBToRGBSeparate(planes[0], p, &one, IMAGEFORMAT_RGB, nullptr);
+        }
         uint8_t px[4];
         for (size_t x = 0; x < w; ++x) {
             for (int c = 0; c < depth_; ++c) {
