@@ -367,7 +367,11 @@ TEST_F(Bombs, LoweredLimitRefusesSmallPictures) {
 // Inputs the fuzzers found, kept under tests/data/findings (named after the
 // reader and the fault): every read entry point fails or reads, within kCap.
 //   png-text-length-*: a text chunk claiming 1.7 GB in a file of 200 bytes
-//   (libpng allocated the claimed length before finding the file short).
+//   (libpng allocated the claimed length before finding the file short);
+//   tiff-huge-samples: 65535 samples of 65535 bits (the row reader sized a
+//   68 GB row; the bit count overflowed an int);
+//   tiff-odd-bits-map: a 5-bit grey file (the map reader unpacked it as
+//   two pixels a byte, past the end of the row; under the sanitizers).
 TEST_F(Bombs, FuzzFindingsStayWithinBounds) {
     int files = 0;
     for (const auto& entry : std::filesystem::directory_iterator(IMAGELIB_FINDINGS_DIR)) {

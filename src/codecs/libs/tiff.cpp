@@ -33,12 +33,20 @@ using TiffPtr = std::unique_ptr<TIFF, TiffCloser>;
 // Pixels a file of `bytes` bytes may claim: generous enough for the best
 // compression of real files (a blank Group 4 page), small enough that a
 // forged header cannot make us allocate gigabytes from a few bytes.
-bool plausible(const char* path, uint32_t width, uint32_t height, int bitsPerPixel) {
+bool plausible(const char* path, uint32_t width, uint32_t height, uint32_t bitsPerPixel) {
     struct stat st;
     if (::stat(path, &st) != 0) return false;
     const uint64_t bytes = uint64_t(std::max<off_t>(st.st_size, 1));
     const uint64_t ratio = bitsPerPixel <= 1 ? (1u << 15) : (1u << 12);
     return uint64_t(width) * height <= bytes * ratio;
+}
+
+// The n-bit value (n <= 32) that starts at bit `bit` of data packed with the
+// most significant bit first, as TIFF packs samples of any width.
+uint32_t bitsAt(const uint8_t* p, size_t bit, int n) {
+    uint32_t v = 0;
+    for (int k = 0; k < n; ++k, ++bit) v = (v << 1) | ((p[bit >> 3] >> (7 - (bit & 7))) & 1u);
+    return v;
 }
 
 struct Fields {
@@ -64,7 +72,7 @@ int readFields(TIFF* tif, const char* path, Fields& f) {
     if (!il::imageBytes(f.width, f.height, 1)) return IMGERR_BADFILE;
     if (f.tiled && (f.tileWidth == 0 || f.tileLength == 0 || uint64_t(f.tileWidth) * f.tileLength > (1u << 26)))
         return IMGERR_BADFILE;
-    if (!plausible(path, f.width, f.height, int(f.bits) * f.samples)) return IMGERR_BADFILE;
+    if (!plausible(path, f.width, f.height, uint32_t(f.bits) * f.samples)) return IMGERR_BADFILE;
     return 0;
 }
 
@@ -414,12 +422,7 @@ int streamReadRow(ImageFileContext* ctx, uint8_t* red, uint8_t* green, uint8_t* 
     const int bpp = s->bits * s->samples;
     size_t bit = 0;
     for (int x = 0; x < w; ++x, bit += size_t(bpp)) {
-        unsigned v = 0;
-        for (int k = 0; k < bpp; ++k) {
-            size_t b = bit + size_t(k);
-            v = (v << 1) | ((p[b >> 3] >> (7 - (b & 7))) & 1u);
-        }
-        v &= 255;
+        const unsigned v = bitsAt(p, bit, bpp) & 255;
         if (red) red[x] = s->red[v];
         if (green) green[x] = s->green[v];
         if (blue) blue[x] = s->blue[v];
@@ -695,8 +698,12 @@ int tiff_readFileToMap(void** buffer, ImageSize* size, uint8_t* red, uint8_t* gr
         return st;
     }
     const auto unpack = [&](uint8_t* to, const uint8_t* from, uint32_t count) {
-        if (!grey16) {
+        if (f.bits == 1 || f.bits == 2 || f.bits == 4 || f.bits == 8) {
             korImage_unpackBuffer(to, from, f.bits, int(count));
+            return;
+        }
+        if (!grey16) {  // 3, 5, 6 or 7 bits: samples run across byte boundaries
+            for (uint32_t x = 0; x < count; ++x) to[x] = uint8_t(bitsAt(from, size_t(x) * f.bits, f.bits));
             return;
         }
         for (uint32_t x = 0; x < count; ++x) {  // samples in the machine's order, as libtiff hands them out
@@ -1015,6 +1022,8 @@ int tiff_openStream(ImageFileContext* ctx, const char* path) noexcept {
     if (!TIFFGetField(t, TIFFTAG_ORIENTATION, &orientation)) orientation = 1;
     if (!TIFFGetField(t, TIFFTAG_SAMPLESPERPIXEL, &s->samples)) s->samples = 1;
     if (!TIFFGetField(t, TIFFTAG_BITSPERSAMPLE, &s->bits)) s->bits = 1;
+    // Sample layouts the row reader can walk: up to 16 bits and 8 samples.
+    if (s->bits == 0 || s->bits > 16 || s->samples == 0 || s->samples > 8) return 5;
     // The row reader walks (bits x samples + 7) / 8 bytes a pixel whatever
     // the planar layout: the line holds that much, and libtiff's scanline.
     const tmsize_t scan = TIFFScanlineSize(t);

@@ -114,6 +114,38 @@ TEST_F(Tiff, MissingBitsPerSampleReadsAsOneBit) {
     EXPECT_EQ(bitmapOf(p, &st), (Bytes{0xF0, 0x0F, 0x00, 0xFF}));
 }
 
+// Samples of 3, 5, 6 and 7 bits run across byte boundaries in TIFF rows:
+// the map reader takes each from its own bits, not two or more to a byte.
+TEST_F(Tiff, OddBitDepthsReadSampleBySample) {
+    const uint32_t w = 37, h = 2;
+    for (int bits : {3, 5, 6, 7}) {
+        SCOPED_TRACE(bits);
+        const std::string p = f("odd.tif");
+        const size_t rowBytes = (w * bits + 7) / 8;
+        Bytes data(rowBytes * h, 0), want(w * h);
+        for (uint32_t y = 0; y < h; ++y)
+            for (uint32_t x = 0; x < w; ++x) {
+                const unsigned v = (x * 7 + y * 3) % (1u << bits);
+                want[y * w + x] = uint8_t(v);
+                for (int k = 0; k < bits; ++k) {  // most significant bit first
+                    const size_t bit = size_t(x) * bits + size_t(k);
+                    if (v >> (bits - 1 - k) & 1) data[y * rowBytes + bit / 8] |= uint8_t(0x80 >> (bit % 8));
+                }
+            }
+        makeTiff(p, w, h, rowBytes, data, [bits](TIFF* t) {
+            TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, bits);
+            TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+        });
+        void* map = nullptr;
+        ImageSize size{};
+        uint8_t r[256], g[256], b[256];
+        int count = 0;
+        ASSERT_EQ(tiff_readFileToMap(&map, &size, r, g, b, &count, p.c_str(), 0, nullptr), 0);
+        EXPECT_EQ(Bytes(static_cast<uint8_t*>(map), static_cast<uint8_t*>(map) + w * h), want);
+        korImage_freeImage(map, &size, IMAGEFORMAT_MAP);
+    }
+}
+
 TEST_F(Tiff, InfoFlagsTypeAndMissingPhotometric) {
     const std::string p = f("rgb.tif"), q = f("nophoto.tif");
     makeTiff(p, 2, 1, 6, Bytes(6, 7), [](TIFF* t) {
