@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "codecs/libs/tiff.h"
@@ -54,16 +53,16 @@ void geoExtender(TIFF* tif) {
     if (g_parentExtender) g_parentExtender(tif);
 }
 
-// libtiff knows the GeoTIFF tags in every file opened after this.
-void registerGeoTags() {
-    static std::once_flag once;
-    std::call_once(once, [] { g_parentExtender = TIFFSetTagExtender(geoExtender); });
-}
+// libtiff knows the GeoTIFF tags in every file it opens. The extender is
+// installed while the library loads, before any thread of the program can
+// open a TIFF file: libtiff keeps it in a plain global, and every open (ours,
+// and the Group 4 decoder's in-memory ones) reads it without a lock.
+struct GeoTagsAtLoad {
+    GeoTagsAtLoad() { g_parentExtender = TIFFSetTagExtender(geoExtender); }
+};
+const GeoTagsAtLoad g_geoTagsAtLoad;
 
-TIFF* geoOpen(const char* path, const char* mode) {
-    registerGeoTags();
-    return path ? TIFFOpen(path, mode) : nullptr;
-}
+TIFF* geoOpen(const char* path, const char* mode) { return path ? TIFFOpen(path, mode) : nullptr; }
 
 struct TiffCloser {
     void operator()(TIFF* t) const noexcept { TIFFClose(t); }
