@@ -24,6 +24,13 @@ using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
 constexpr int64_t kMaxPixels = int64_t(1) << 28;
 
+// A header's width and height, each read as any long: both positive and
+// their product at most kMaxPixels (tested side by side first, so that the
+// product cannot overflow).
+bool pixelsWithin(long w, long h) {
+    return w > 0 && h > 0 && w <= kMaxPixels && h <= kMaxPixels && w * h <= kMaxPixels;
+}
+
 // Reads the next header token, skipping white space and comments.
 bool token(FILE* f, std::string& out) {
     out.clear();
@@ -124,7 +131,7 @@ int loadPnm(const std::string& path, Image& img) {
     } else {
         return IMGERR_BADFILE;
     }
-    if (w <= 0 || h <= 0 || w * h > kMaxPixels || maxval < 1 || maxval > 65535) return IMGERR_BADFILE;
+    if (!pixelsWithin(w, h) || maxval < 1 || maxval > 65535) return IMGERR_BADFILE;
     const bool bits = kind == 1 || kind == 4;
     const bool plain = kind <= 3;
     const bool alpha = depth == 2 || depth == 4;
@@ -289,7 +296,7 @@ int mapPpm(const std::string& path, MappedPpm& map) {
     std::string magic;
     long w = 0, h = 0, maxval = 0;
     if (!token(f.get(), magic) || magic != "P6" || !number(f.get(), w) || !number(f.get(), h) ||
-        !number(f.get(), maxval) || maxval != 255 || w <= 0 || h <= 0 || w * h > kMaxPixels)
+        !number(f.get(), maxval) || maxval != 255 || !pixelsWithin(w, h))
         return 1;
     const long at = std::ftell(f.get());
     if (at <= 0 || ::fstat(fileno(f.get()), &st) != 0) return 1;
